@@ -1,0 +1,39 @@
+# Compiler settings shared by every target, and the two functions that targets are made with.
+
+add_library(tolvar_options INTERFACE)
+target_include_directories(tolvar_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(tolvar_options INTERFACE
+  -Wall -Wextra -Werror -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual
+  -Wconversion -Wno-sign-conversion -Woverloaded-virtual=1 -fno-omit-frame-pointer)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  target_compile_options(tolvar_options INTERFACE -Wthread-safety)
+  # clang has no levels of this warning; its plain form is g++'s level 2.
+  target_compile_options(tolvar_options INTERFACE -Wno-overloaded-virtual -Wno-unknown-warning-option)
+endif()
+if(TOLVAR_SANITIZE)
+  target_compile_options(tolvar_options INTERFACE -fsanitize=${TOLVAR_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(tolvar_options INTERFACE -fsanitize=${TOLVAR_SANITIZE})
+endif()
+
+# tolvar_library(NAME SOURCES file... LINKS target...): one layer of the product.
+function(tolvar_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC ${arg_LINKS} PRIVATE tolvar_options)
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  if(TOLVAR_SANITIZE)
+    target_link_options(${name} PUBLIC -fsanitize=${TOLVAR_SANITIZE})
+  endif()
+endfunction()
+
+# tolvar_test(NAME SOURCES file... LINKS target... [TIMEOUT seconds]): one test program. Every case
+# in it becomes a CTest test of its own, with a time limit.
+function(tolvar_test name)
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINKS" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE ${arg_LINKS} tolvar_test_support GTest::gmock GTest::gtest_main tolvar_options)
+  gtest_discover_tests(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} DISCOVERY_TIMEOUT 60)
+endfunction()
