@@ -4,7 +4,11 @@ add_library(tolvar_options INTERFACE)
 target_include_directories(tolvar_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(tolvar_options INTERFACE
   -Wall -Wextra -Werror -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual
-  -Wconversion -Wno-sign-conversion -Woverloaded-virtual=1 -fno-omit-frame-pointer)
+  -Wconversion -Wno-sign-conversion -fno-omit-frame-pointer)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 13)
+  # The only compiler with this level; plain forms elsewhere complain about overload sets as well.
+  target_compile_options(tolvar_options INTERFACE -Woverloaded-virtual=1)
+endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(tolvar_options INTERFACE -Wthread-safety)
   # clang has no levels of this warning; its plain form is g++'s level 2.

@@ -10,8 +10,9 @@
 namespace qel {
 
 /// Time as the library sees it: the wall clock for log texts and for values that are sent to the
-/// service, a steady clock for durations, and every timed wait. Code that needs time takes a Clock&,
-/// so that a test moves ten minutes in a microsecond. All operations may be called from any thread.
+/// service, a steady clock for durations, and every timed wait. Code that needs time takes a
+/// Clock&, so that a test moves ten minutes in a microsecond. All operations may be called from any
+/// thread.
 class Clock {
  public:
   virtual ~Clock() = default;

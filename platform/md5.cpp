@@ -76,6 +76,7 @@ void ZU_MD5::block(const std::uint8_t* bytes) noexcept {
 }
 
 void ZU_MD5::update(const void* data, std::size_t size) noexcept {
+  if (size == 0) return;
   const auto* bytes = static_cast<const std::uint8_t*>(data);
   const std::size_t held = _size % 64;
   _size += size;
@@ -100,7 +101,8 @@ std::array<std::uint8_t, 16> ZU_MD5::finish() noexcept {
   for (int i = 0; i < 8; ++i) length[i] = static_cast<std::uint8_t>(bits >> (8 * i));
   update(length, sizeof length);
   std::array<std::uint8_t, 16> digest;
-  for (int i = 0; i < 16; ++i) digest[i] = static_cast<std::uint8_t>(_state[i / 4] >> (8 * (i % 4)));
+  for (int i = 0; i < 16; ++i)
+    digest[i] = static_cast<std::uint8_t>(_state[i / 4] >> (8 * (i % 4)));
   return digest;
 }
 

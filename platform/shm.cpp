@@ -12,9 +12,8 @@ namespace {
 constexpr int kMode = 0660;
 
 [[noreturn]] void fail(const char* call, key_t key, int error) {
-  throw ZU_Exception("[ZU_Shm::init]: " + std::string(call) + " failed for key " +
-                         std::to_string(key),
-                     error);
+  throw ZU_Exception(
+      "[ZU_Shm::init]: " + std::string(call) + " failed for key " + std::to_string(key), error);
 }
 
 }  // namespace
@@ -43,6 +42,7 @@ void ZU_Shm::init(std::size_t size, key_t key, bool owner) {
     } catch (const ZU_Exception& error) {
       const bool removedMeanwhile = error.getErrCode() == EIDRM || error.getErrCode() == EINVAL;
       if (_created) systemCalls().shmctl(id, IPC_RMID, nullptr);
+      _created = false;
       if (!removedMeanwhile) throw;
     }
   }

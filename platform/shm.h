@@ -39,7 +39,8 @@ class ZU_Shm {
   int id() const noexcept { return _id; }
 
   /// Marks the segment for removal and detaches it. Processes that still map it keep their mapping.
-  /// Throws ZU_Exception when the removal fails (one already removed by somebody else is no failure).
+  /// Throws ZU_Exception when the removal fails (one already removed by somebody else is no
+  /// failure).
   void del();
 
   /// Detaches without removing.

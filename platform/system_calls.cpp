@@ -1,5 +1,7 @@
 #include "platform/system_calls.h"
 
+#include <sys/syscall.h>
+
 #include <cstdio>
 
 namespace qel {
@@ -17,12 +19,17 @@ SystemCalls realSystemCalls() noexcept {
   calls.close = ::close;
   calls.write = ::write;
   calls.posixFallocate = ::posix_fallocate;
+  calls.ftruncate = ::ftruncate;
+  calls.flock = ::flock;
   calls.rename = ::rename;
   calls.remove = ::remove;
   calls.mkdir = ::mkdir;
   calls.mmap = ::mmap;
   calls.munmap = ::munmap;
   calls.pthreadCreate = ::pthread_create;
+  calls.membarrier = [](int command, unsigned flags) {
+    return static_cast<int>(::syscall(SYS_membarrier, command, flags, 0));
+  };
   return calls;
 }
 

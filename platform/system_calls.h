@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
@@ -27,6 +28,8 @@ struct SystemCalls {
   int (*close)(int fd);
   ssize_t (*write)(int fd, const void* data, size_t size);
   int (*posixFallocate)(int fd, off_t offset, off_t length);
+  int (*ftruncate)(int fd, off_t length);
+  int (*flock)(int fd, int operation);
   int (*rename)(const char* from, const char* to);
   int (*remove)(const char* path);
   int (*mkdir)(const char* path, mode_t mode);
@@ -34,6 +37,7 @@ struct SystemCalls {
   int (*munmap)(void* address, size_t length);
   int (*pthreadCreate)(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                        void* argument);
+  int (*membarrier)(int command, unsigned flags);
 };
 
 /// The table in force.

@@ -1,5 +1,7 @@
 #include "platform/thread.h"
 
+#include <cxxabi.h>
+
 #include <csignal>
 #include <ctime>
 #include <mutex>
@@ -15,14 +17,17 @@ void ZU_ThreadMutex::lock() noexcept { pthread_mutex_lock(&_mutex); }
 void ZU_ThreadMutex::unlock() noexcept { pthread_mutex_unlock(&_mutex); }
 bool ZU_ThreadMutex::try_lock() noexcept { return pthread_mutex_trylock(&_mutex) == 0; }
 
-ZU_ThreadCond::ZU_ThreadCond() {
+ZU_ThreadCond::ZU_ThreadCond() : _process(getpid()) {
   pthread_condattr_t attributes;
   pthread_condattr_init(&attributes);
   pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
   pthread_cond_init(&_cond, &attributes);
   pthread_condattr_destroy(&attributes);
 }
-ZU_ThreadCond::~ZU_ThreadCond() { pthread_cond_destroy(&_cond); }
+ZU_ThreadCond::~ZU_ThreadCond() {
+  // Destruction waits for the waiters, and those of the parent will never come in a forked child.
+  if (_process == getpid()) pthread_cond_destroy(&_cond);
+}
 void ZU_ThreadCond::signal() noexcept { pthread_cond_signal(&_cond); }
 void ZU_ThreadCond::broadcast() noexcept { pthread_cond_broadcast(&_cond); }
 void ZU_ThreadCond::wait(ZU_ThreadMutex& mutex) noexcept {
@@ -82,7 +87,11 @@ void* ZU_Thread::entry(void* self) {
   auto* thread = static_cast<ZU_Thread*>(self);
   try {
     thread->run();
-  } catch (const std::exception&) {
+  } catch (const abi::__forced_unwind&) {
+    // Cancellation and pthread_exit unwind through here and must go on.
+    thread->_alive.store(false, std::memory_order_release);
+    throw;
+  } catch (...) {
     // A body that wants its failures seen reports them itself; the host must not be torn down.
   }
   thread->_alive.store(false, std::memory_order_release);

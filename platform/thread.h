@@ -28,7 +28,8 @@ class ZU_ThreadMutex {
   mutable pthread_mutex_t _mutex;
 };
 
-/// Condition variable whose time-outs run on the monotonic clock.
+/// Condition variable whose time-outs run on the monotonic clock. A forked child may destroy one
+/// that a thread of its parent waits on.
 class ZU_ThreadCond {
  public:
   ZU_ThreadCond();
@@ -48,6 +49,7 @@ class ZU_ThreadCond {
 
  private:
   pthread_cond_t _cond;
+  const pid_t _process;
 };
 
 /// A mutex with a condition of its own; base of objects that a thread sleeps on.
@@ -116,8 +118,8 @@ class ZU_Thread {
   ZU_Thread(const ZU_Thread&) = delete;
   ZU_Thread& operator=(const ZU_Thread&) = delete;
 
-  /// Runs `run` on a new thread, with all signals blocked in it. Throws ZU_Exception when the thread
-  /// cannot be created or when the last one started has not ended yet.
+  /// Runs `run` on a new thread, with all signals blocked in it. Throws ZU_Exception when the
+  /// thread cannot be created or when the last one started has not ended yet.
   ZU_ThreadControl start();
 
   ZU_ThreadControl getThreadControl() const { return _control; }

@@ -61,8 +61,8 @@ void BufferWriter::writeBuf(const void* data, std::size_t size) {
 void BufferReader::peekBuf(void* out, std::size_t size, std::size_t offset) const {
   const std::size_t left = remaining();
   if (offset > left || size > left - offset) {
-    throw VekDecodeException(format<64>("buffer overflow when peekBuf, over %u.",
-                                        static_cast<unsigned>(_length)));
+    throw VekDecodeException(
+        format<64>("buffer overflow when peekBuf, over %u.", static_cast<unsigned>(_length)));
   }
   if (size != 0) std::memcpy(out, _buffer + _position + offset, size);
 }
@@ -247,10 +247,12 @@ void VekInputStream<BufferReader>::skipToStructEnd(int depth) {
 }
 
 void VekInputStream<BufferReader>::skipField(std::uint8_t type, int depth) {
-  if (depth >= kVekMaxNesting) {
+  const auto kind = static_cast<VekType>(type);
+  const bool opens = kind == VekType::Map || kind == VekType::List || kind == VekType::NestedOpen;
+  if (opens && depth >= kVekMaxNesting) {
     throw VekDecodeInvalidValue(format<64>("skipField nested deeper than %d.", kVekMaxNesting));
   }
-  switch (static_cast<VekType>(type)) {
+  switch (kind) {
     case VekType::Int8: return skip(1);
     case VekType::Int16: return skip(2);
     case VekType::Int32:
@@ -264,7 +266,7 @@ void VekInputStream<BufferReader>::skipField(std::uint8_t type, int depth) {
       int count = 0;
       read(count, 0, true);
       std::int64_t fields = count;
-      if (static_cast<VekType>(type) == VekType::Map) fields *= 2;
+      if (kind == VekType::Map) fields *= 2;
       for (; fields > 0; --fields) skipNext(depth + 1);
       return;
     }

@@ -10,8 +10,8 @@
 ///
 /// Every field is a head (tag and type code) followed by a body whose form the type code fixes.
 /// All integers and lengths are big-endian. Fields are written in increasing tag order; a reader
-/// finds them by tag, skips those it does not know, and accepts narrower integers than it asked for.
-/// docs/encoding.md shows the bytes.
+/// finds them by tag, skips those it does not know, and accepts narrower integers than it asked
+/// for. docs/encoding.md shows the bytes.
 ///
 /// A writer or a reader is used by one thread at a time.
 namespace qel {

@@ -11,7 +11,8 @@ using Hold = std::lock_guard<qel::ZU_ThreadMutex>;
 
 timeval ManualClock::timeOfDay() const {
   Hold hold(_mutex);
-  return {static_cast<time_t>(_wallMicros / 1000000), static_cast<suseconds_t>(_wallMicros % 1000000)};
+  return {static_cast<time_t>(_wallMicros / 1000000),
+          static_cast<suseconds_t>(_wallMicros % 1000000)};
 }
 
 std::int64_t ManualClock::steadyMillis() const {

@@ -8,9 +8,9 @@
 
 namespace tolvar_test {
 
-/// A clock that stands still until the test moves it. Waits on it end when they are notified or when
-/// `advance` reaches their deadline; with `autoAdvance` a wait moves the clock itself and returns at
-/// once, so that a loop of timed waits runs through in microseconds.
+/// A clock that stands still until the test moves it. Waits on it end when they are notified or
+/// when `advance` reaches their deadline; with `autoAdvance` a wait moves the clock itself and
+/// returns at once, so that a loop of timed waits runs through in microseconds.
 class ManualClock final : public qel::Clock {
  public:
   explicit ManualClock(bool autoAdvance = false, std::int64_t wallSeconds = 1700000000)

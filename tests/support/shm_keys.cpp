@@ -19,8 +19,8 @@ ShmKeys::ShmKeys() {
   static std::atomic<unsigned> sequence{0};
   do {
     const unsigned number = sequence.fetch_add(1);
-    _first = static_cast<key_t>(0x40000000u |
-                                ((static_cast<unsigned>(getpid()) * 64u + number) * 4u & 0x3FFFFFFCu));
+    _first = static_cast<key_t>(
+        0x40000000u | ((static_cast<unsigned>(getpid()) * 64u + number) * 4u & 0x3FFFFFFCu));
   } while (inUse(_first) || inUse(_first + 1) || inUse(_first + 2));
 }
 

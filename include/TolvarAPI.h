@@ -1,0 +1,258 @@
+#pragma once
+
+#include <sys/time.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "include/ConfigDataWrapper.h"
+#include "include/TolvarAPIOptions.h"
+#include "include/lookup_types.h"
+#include "include/memVector.h"
+#include "include/segment_types.h"
+#include "log/logger.h"
+#include "log/thread_stream.h"
+#include "platform/clock.h"
+#include "platform/mmap.h"
+#include "platform/shm.h"
+#include "platform/thread.h"
+#include "records/records.h"
+#include "remote/communicator.h"
+#include "report/client_report.h"
+
+namespace tolvar {
+struct ClientInternals;
+class RetryBackoff;
+struct ImageRecords;
+class ClientTestAccess;
+}  // namespace tolvar
+
+/// What a client knows of itself; a copy, taken at one moment.
+struct TolvarStatus {
+  bool ipReady = false;             ///< the IP table answers
+  bool codesReady = false;          ///< the code tables answer
+  std::string digest;               ///< of the IP table held, "0" before the first
+  std::size_t ranges = 0;           ///< ranges that lookups search
+  std::size_t codeEntries = 0;      ///< names in all eight code tables
+  std::int64_t downloadMillis = 0;  ///< from arming the last full download to its last page
+  std::int64_t publishMillis = 0;   ///< writing the last download into shared memory
+  std::time_t lastCheck = 0;        ///< wall time of the last answered change check, 0 before it
+  std::time_t lastPublished = 0;    ///< wall time at which this process last took over a table
+  std::string lastError;            ///< text of the last failure of an update step, empty if none
+};
+
+/// Answers where an IPv4 address lies, from a table that all processes of the host share and that a
+/// thread of this object keeps current.
+///
+/// Life: construct, `initialize` once (true: ready), look up from any thread, destroy. Lookups are
+/// allowed at any time, before `initialize` as well: they then find nothing. They take no lock, do
+/// not wait, and see one complete table each, also while a newer one is being published.
+/// `initialize`, `start`, `terminate` and destruction belong to one owning thread; destruction
+/// comes after the last lookup has returned. No public operation lets an exception out.
+///
+/// Destruction: the update thread is stopped and joined first; then the members go in reverse order
+/// of declaration, so the reporter delivers before the proxies are dropped, and the log, which all
+/// others write to, goes last.
+class TolvarAPI : public qel::ZU_Thread,
+                  public qel::ZU_Monitor<qel::ZU_ThreadMutex, qel::ZU_ThreadCond> {
+ public:
+  TolvarAPI();
+  ~TolvarAPI() override;
+
+  // --- Life cycle -------------------------------------------------------------------------------
+
+  /// Sets up log, proxies, configuration, reporter, shared memory and update thread, and waits up
+  /// to 30 seconds until the tables are usable. True when they are. False at once for swapped
+  /// object names or a failed step, false after the wait when no table could be had; the log says
+  /// why. A second call stops what runs and repeats every step.
+  bool initialize(const TolvarAPIOptions& options);
+  bool initialize(qel::Communicator* comm, std::string ip_servant, std::string fast_ip_servant,
+                  key_t shm_key_1, key_t shm_key_2, std::string log_path, key_t shm_key_3);
+
+  /// Starts the update thread; `initialize` does it.
+  void start();
+
+  /// Asks the update thread to end after its current pass. Neither wakes nor joins it.
+  void terminate();
+
+  /// State of the client; takes a lock that no lookup takes. Any thread.
+  TolvarStatus status() const;
+
+  // --- Lookups: any thread, no lock -------------------------------------------------------------
+
+  /// Ids of the range that holds `ip` (host order). False, and `*info` untouched, when none does.
+  /// Allocates nothing, calls nothing of the operating system.
+  bool getIPInfo(std::uint32_t ip, ravel::IPInfo* info);
+
+  /// Names of the range that holds `ip`; counts the hit when the service asked for statistics.
+  bool getIPInfo(std::uint32_t ip, IPHumanMessage* msg);
+
+  /// The same for a dotted quad. Text that is none is looked up as 0.0.0.0.
+  bool getIPInfoFromStr(const std::string& ip, ravel::IPInfo* info);
+  bool getIPInfoFromStr(const std::string& ip, IPHumanMessage* msg);
+
+  /// Name of an id; empty when unknown. The forms that answer a country, province, city or operator
+  /// count a hit when the service asked for statistics; the forms that write into `*out` never do.
+  std::string getCountryByID(std::uint32_t id);
+  std::string getProvinceByID(std::uint32_t id);
+  std::string getCityByID(std::uint32_t id);
+  std::string getDistrictByID(std::uint64_t id);
+  std::string getExtendByID(std::uint32_t id);
+  std::string getOperByID(std::uint32_t id);
+  std::string getNettypeByID(std::uint32_t id);
+  std::string getApnByID(std::uint32_t id);
+  std::string getFlableByID(std::uint32_t id);
+  void getCountryByID(std::uint32_t id, std::string* out);
+  void getProvinceByID(std::uint32_t id, std::string* out);
+  void getCityByID(std::uint32_t id, std::string* out);
+  void getDistrictByID(std::uint64_t id, std::string* out);
+  void getExtendByID(std::uint32_t id, std::string* out);
+  void getOperByID(std::uint32_t id, std::string* out);
+  void getNettypeByID(std::uint32_t id, std::string* out);
+  void getApnByID(std::uint32_t id, std::string* out);
+  void getFlableByID(std::uint32_t id, std::string* out);
+
+ protected:
+  /// A client whose time comes from `clock`, which must outlive it.
+  explicit TolvarAPI(qel::Clock& clock);
+
+  /// The update thread's body.
+  void run() override;
+
+  /// Stops the update thread and waits for its end. A derived class that overrides a step calls
+  /// this first in its destructor.
+  void stopUpdateThread();
+
+ private:
+  friend class tolvar::ClientTestAccess;
+
+  struct MemoryHolder {
+    ProlatePointer ip_ptr;
+    ProlatePointer code_ptr[8];
+  };
+
+  // --- Life cycle (lifecycle.cpp) ---
+  void openLog(const std::string& log_path);
+  bool connectProxies(qel::Communicator* comm, const std::string& ip_servant,
+                      const std::string& fast_ip_servant);
+  void loadClientConf();
+  void startReporter();
+  void resetUpdateState();
+  bool awaitReadiness();
+  void writeLog(int level, int line);
+  void writeLifecycleLog(int level, int line);
+
+  // --- Lookups (lookup.cpp, names.cpp) ---
+  bool binarySearch(std::uint32_t ip, VALUE* value);
+  bool simple();
+  void reportLog(const std::string& text);
+  void reportStatistic(ravel::ReportType type, const std::string& name);
+  std::string GetCodeInfoById(int type, std::uint64_t id);
+  void GetCodeInfoById(int type, std::uint64_t id, std::string* out);
+
+  // --- Shared memory (segments.cpp, growth.cpp) ---
+  void InitializeShareMemory(key_t key1, key_t key2, key_t key3);
+  bool ReadShareMemorySize(std::size_t* size);
+  void WriteShareMemorySize(std::size_t size);
+  void ReadMemoryHead(int shm_index, MemoryHead* head);
+  void WriteMemoryHead(int shm_index, const MemoryHead& head);
+  static std::size_t CalculateNextSize(std::size_t n);
+  void attachSegment(int shm_index, std::size_t total);
+  bool connectRegions(int shm_index);
+  void layRegions(int shm_index, std::size_t total, bool connect_success);
+  bool readImage(int shm_index, tolvar::ImageRecords* image);
+  void takeOverImage(tolvar::ImageRecords image);
+  void useSegment(int shm_index);
+  void ResizeShareMemory(int shm_index, std::size_t size);
+  bool growSegment(int shm_index, std::size_t size);
+  void ResizeIpBuffer(int shm_index, std::size_t count);
+  void ResizeCodeBuffer(int shm_index, int code_index, std::size_t count);
+  void CopyShareMemory(int from, int to);
+  void copyImage(int from, int to, const MemoryHead& announced);
+  void walkRegions(int shm_index);
+  void moveRegion(int shm_index, int code_index, const char* saved);
+
+  // --- Update thread (update_thread.cpp, change_check.cpp, download.cpp, publish.cpp,
+  //     code_sync.cpp). The steps run on the update thread only. ---
+  virtual bool checkChange();
+  virtual bool totalDownloadRequest();
+  virtual bool checkCodeChangeRequest();
+  void totalWriteData2Shm();
+  void CalculateMd5FromShareMemory();
+  void armFullDownload();
+  void installClientConf();
+  /// True when the table is complete.
+  bool gatherPage(const ravel::downloadInfo& page, std::uint64_t maxIndex);
+  void finishDownload();
+  void retryLater(tolvar::RetryBackoff& retry, const char* step, const std::string& what);
+  void noteError(const char* step, const std::string& what);
+  void takeDigest(const std::vector<ravel::IPAttribute>& ranges);
+  void beginPublication(int target, std::uint32_t MemoryHead::*half);
+  void setHalf(int shm_index, std::uint32_t MemoryHead::*half, MemoryStatus status);
+  void setPending(int shm_index);
+  void mirrorImage(int from, int to);
+  std::string writeRanges(int target);
+  void takeOverTable(int target, const std::string& digest);
+  void writeCodes(int target, const std::vector<ravel::CodeInfo>& codes);
+  void takeOverCodes(int target, const std::vector<ravel::CodeInfo>& codes);
+  void announceReady(int bit);
+
+  // --- Members. Unless said otherwise they belong to the thread that runs `initialize`, and from
+  //     `start` on to the update thread. ---
+  qel::ZU_Logger<qel::ZU_DefaultWriteT, qel::ZU_RollBySize> _logger;  // any thread
+  qel::ZU_LoggerThreadGroup _local;                                   // any thread
+  int m_has_initialized;  // guarded by m_has_initialized_mutex
+  mutable qel::ZU_ThreadMutex m_has_initialized_mutex;
+  qel::ZU_ThreadCond m_has_initialized_cond;
+  ConfigDataWrapper<ClientConfWrapper> m_client_conf;  // read by any thread
+  ClientReport m_report;                               // any thread
+  std::atomic<std::int64_t> m_simple_key;              // any thread
+  TolvarAPIOptions m_init_options;
+  std::int64_t m_proxy_hash_key;
+  ravel::TolvarPrx _pTolvarPrx;
+  ravel::FTolvarPrx _pFTolvarPrx;
+  MemoryHead m_memory_head[2];
+  IPVector m_ip_vector_impl[2];
+  IPVector* m_vectorIP;
+  CodeVector m_code_vector_impl[8][2];
+  CodeVector* m_code_vector[8];
+  MemoryHolder m_holder[2];
+  key_t m_shm_key[3];
+  qel::ZU_Shm m_shm[2];
+  std::string m_serverHost;
+  std::string m_serverPort;
+  int m_size;
+  std::string m_recvBuffer;
+  std::string m_sendBuffer;
+  std::atomic<bool> m_log_initialized;  // any thread
+  qel::ZU_ThreadStream _osLog;          // any thread: composes per thread
+  std::atomic<bool> m_terminated;       // any thread
+  std::uint32_t m_protocolSeqNo;
+  bool m_isCheckingCode;
+  bool m_isTotalDownLoading;
+  bool m_isIncrementDownloading;
+  std::int8_t m_isReset;
+  std::uint64_t m_currDownloadPos;
+  std::string m_cltMd5;  // written under the monitor
+  std::time_t m_lastCheckDistrictCodeChanged;
+  std::time_t m_lastCheckFileChanged;
+  ravel::vIPProperty m_vIPProperty;
+  qel::ZU_Mmap m_posFile;
+  timeval m_tBegin;
+  timeval m_tEnd;
+  /// The table as records, the source that the published index is built from.
+  ravel::vIPProperty m_ip_query_vec;
+  /// The names as records, the source that the published name tables are built from.
+  std::unordered_map<std::uint64_t, ravel::CodeInfo> m_code_query_map[8];
+  bool m_destructor_wait;
+
+  /// What lookups read, and helpers that a host need not see.
+  std::unique_ptr<tolvar::ClientInternals> m_internals;
+};

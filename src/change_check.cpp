@@ -1,0 +1,100 @@
+#include "src/client_internals.h"
+#include "src/client_log.h"
+
+namespace {
+constexpr int kCheckSeconds = 600;
+}
+
+bool TolvarAPI::checkChange() {
+  bool bRet = false;
+  try {
+    qel::Clock& clock = m_internals->clock;
+    const std::time_t now = clock.time();
+    const std::int64_t steady = clock.steadyMillis();
+    TOLVAR_LOG(kLogDebug, 752,
+               "now=" << now << ", last=" << m_lastCheckFileChanged << ", max=" << kCheckSeconds);
+    // The steady clock keeps checks coming when the wall clock is set back.
+    const bool dueBySteady = m_internals->lastCheckSteady >= 0 &&
+                             steady - m_internals->lastCheckSteady >= kCheckSeconds * 1000;
+    if (now - m_lastCheckFileChanged <= kCheckSeconds - 1 && !dueBySteady) {
+      TOLVAR_LOG(kLogDebug, 824, "NOT need check change...");
+      return false;
+    }
+    m_lastCheckFileChanged = now;
+    m_internals->lastCheckSteady = steady;
+
+    ravel::CheckInfo info;
+    if (!m_isCheckingCode && !m_isTotalDownLoading && !m_isIncrementDownloading) {
+      m_proxy_hash_key = clock.time();
+      const ravel::TolvarPrx proxy = _pTolvarPrx->selectServer(m_proxy_hash_key);
+      ravel::CheckReq req;
+      req.contentMd5 = m_cltMd5;
+      req.apiVersion = kApiVersion;
+      req.confVersion = m_client_conf.getQueryData()->conf.confVersion;
+      TOLVAR_LOG(kLogDebug, 766,
+                 "begin check change, clt_md5="
+                     << m_cltMd5 << ", apiVersion=" << kApiVersion << ", confVersion="
+                     << req.confVersion << ", proxy_hash_key=" << m_proxy_hash_key
+                     << ", proxy=" << static_cast<const void*>(proxy.get()));
+      proxy->checkChangeAdv(req, info);
+      TOLVAR_LOG(kLogDebug, 773,
+                 "check change done, net_flow=" << static_cast<int>(info.isNetFlow)
+                                                << ", reset=" << static_cast<int>(info.isReset)
+                                                << ", updateConf=" << (info.updateConf ? 1 : 0));
+      std::lock_guard<std::mutex> hold(m_internals->statusMutex);
+      m_internals->status.lastCheck = now;
+      bRet = true;
+    }
+    m_isReset = info.isReset;
+    if (info.isNetFlow == 1) {
+      TOLVAR_LOG(kLogWarn, 782, "server net over flow! please retry after a while.");
+      m_isTotalDownLoading = false;
+      m_isCheckingCode = false;
+      return false;
+    }
+    if (m_isReset != 0) {
+      TOLVAR_LOG(kLogInfo, 792,
+                 "clt need total download ip info. clt_md5=" << m_cltMd5 << ", svr_ret="
+                                                             << static_cast<int>(m_isReset));
+      armFullDownload();
+    } else {
+      // This also ends a download that has been running since the last check: one that needs ten
+      // minutes is not getting anywhere.
+      m_isTotalDownLoading = false;
+      m_isCheckingCode = false;
+    }
+    if (info.updateConf) {
+      installClientConf();
+      TOLVAR_LOG(kLogInfo, 814,
+                 "clientConf update=" << m_client_conf.getQueryData()->conf.confVersion);
+    }
+  } catch (const qel::ZU_Exception& error) {
+    TOLVAR_LOG(kLogError, 831, "catch qel exception: " << error.what());
+    noteError("change check", error.what());
+  } catch (const std::exception& error) {
+    TOLVAR_LOG(kLogError, 836, "catch  std exception:" << error.what());
+    noteError("change check", error.what());
+  } catch (...) {
+    TOLVAR_LOG(kLogError, 841, "UNKOWN EX:");
+    noteError("change check", "unknown failure");
+  }
+  return bRet;
+}
+
+void TolvarAPI::armFullDownload() {
+  m_isTotalDownLoading = true;
+  m_isCheckingCode = true;
+  m_tBegin = m_internals->clock.timeOfDay();
+  m_currDownloadPos = 0;
+  m_internals->downloadArmedSteady = m_internals->clock.steadyMillis();
+  m_internals->pagePosition = UINT64_MAX;
+  m_internals->tableTakenOver = false;
+}
+
+void TolvarAPI::installClientConf() {
+  ClientConfWrapper& update = m_client_conf.getUpdateData();
+  _pTolvarPrx->getConf(update.conf);
+  update.citys.clear();
+  update.citys.insert(update.conf.simpleLogCitys.begin(), update.conf.simpleLogCitys.end());
+  m_client_conf.swap();
+}

@@ -1,0 +1,63 @@
+#include "src/client_internals.h"
+
+#include <numeric>
+
+namespace tolvar {
+namespace {
+
+std::size_t entriesOf(const ClientInternals::CodeMaps& maps) {
+  return std::accumulate(std::begin(maps), std::end(maps), std::size_t{0},
+                         [](std::size_t sum, const auto& map) { return sum + map.size(); });
+}
+
+std::shared_ptr<const RangeIndex> indexOf(const ravel::vIPProperty& ranges) {
+  return std::make_shared<const RangeIndex>(RangeIndex::build(ranges));
+}
+
+}  // namespace
+
+void ClientInternals::buildRanges(const ravel::vIPProperty& ranges) {
+  auto index = indexOf(ranges);
+  const auto current = tables.read();
+  built = LookupSnapshot::withRanges(current.get(), std::move(index));
+}
+
+void ClientInternals::publishRanges(std::size_t ranges, const std::string& digest) {
+  tables.publish(std::move(built));
+  std::lock_guard<std::mutex> hold(statusMutex);
+  status.ipReady = true;
+  status.ranges = ranges;
+  status.digest = digest;
+  status.lastPublished = clock.time();
+}
+
+void ClientInternals::buildCodes(const CodeMaps& maps) {
+  auto names = std::make_shared<const CodeNames>(maps);
+  const auto current = tables.read();
+  built = LookupSnapshot::withCodes(current.get(), std::move(names));
+  builtCodeEntries = entriesOf(maps);
+}
+
+void ClientInternals::publishCodes() {
+  tables.publish(std::move(built));
+  std::lock_guard<std::mutex> hold(statusMutex);
+  status.codesReady = true;
+  status.codeEntries = builtCodeEntries;
+}
+
+void ClientInternals::publishAll(const ravel::vIPProperty& ranges, const CodeMaps& maps) {
+  tables.publish(LookupSnapshot::make(indexOf(ranges), std::make_shared<const CodeNames>(maps)));
+  std::lock_guard<std::mutex> hold(statusMutex);
+  status.ipReady = true;
+  status.codesReady = true;
+  status.ranges = ranges.size();
+  status.codeEntries = entriesOf(maps);
+  status.lastPublished = clock.time();
+}
+
+void ClientInternals::noteDigest(const std::string& digest) {
+  std::lock_guard<std::mutex> hold(statusMutex);
+  status.digest = digest;
+}
+
+}  // namespace tolvar

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "include/TolvarAPI.h"
+#include "platform/clock.h"
+#include "src/index/lookup_snapshot.h"
+#include "src/index/snapshot_holder.h"
+#include "src/retry_backoff.h"
+
+namespace tolvar {
+
+/// The parts of a client that its header keeps to itself.
+struct ClientInternals {
+  using CodeMaps = std::unordered_map<std::uint64_t, ravel::CodeInfo>[8];
+
+  explicit ClientInternals(qel::Clock& time) : clock(time) {}
+
+  // What lookups read is made in two steps, by the one thread that publishes: building may run out
+  // of memory and changes nothing, publishing cannot fail.
+
+  /// Indexes `ranges`, which are sorted, under the names in use.
+  void buildRanges(const ravel::vIPProperty& ranges);
+  /// Publishes what buildRanges made.
+  void publishRanges(std::size_t ranges, const std::string& digest);
+
+  /// Resolves the ranges in use with the names of `maps`.
+  void buildCodes(const CodeMaps& maps);
+  /// Publishes what buildCodes made.
+  void publishCodes();
+
+  /// Builds and publishes both.
+  void publishAll(const ravel::vIPProperty& ranges, const CodeMaps& maps);
+
+  void noteDigest(const std::string& digest);
+
+  qel::Clock& clock;
+
+  /// What lookups read. Published by the thread that publishes tables; read by any thread.
+  SnapshotHolder<LookupSnapshot> tables;
+
+  /// Serialises calls of `initialize`.
+  std::mutex initializing;
+
+  /// Made by the last build and not published yet.
+  std::unique_ptr<const LookupSnapshot> built;
+  std::size_t builtCodeEntries = 0;
+
+  // Update thread only.
+  RetryBackoff downloadRetry;
+  RetryBackoff codeRetry;
+  /// Steady time of the last change check, -1 before the first.
+  std::int64_t lastCheckSteady = -1;
+  /// Steady time at which the running download was armed.
+  std::int64_t downloadArmedSteady = 0;
+  /// Position of the page gathered last, and how many ranges stood before it.
+  std::uint64_t pagePosition = UINT64_MAX;
+  std::size_t pageBegin = 0;
+  /// The table gathered by the running download has been taken over.
+  bool tableTakenOver = false;
+  /// Both data segments hold the same image; false from the start of a publication to the end of
+  /// its copy, and after one that failed.
+  bool imagesInSync = true;
+
+  /// Guards `status`; taken after the client's monitor when both are held.
+  mutable std::mutex statusMutex;
+  TolvarStatus status;
+};
+
+}  // namespace tolvar

@@ -1,0 +1,105 @@
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "include/code_gap.h"
+#include "src/client_internals.h"
+#include "src/client_log.h"
+#include "src/image_codec.h"
+#include "src/segment_layout.h"
+
+using tolvar::kCodeTables;
+
+namespace {
+
+/// A log line shows this much of a name; the service may send megabytes.
+constexpr std::size_t kShownNameBytes = 256;
+
+bool knownType(const ravel::CodeInfo& code) {
+  return code.codeType > 0 && code.codeType <= kCodeTables;
+}
+
+std::array<std::size_t, kCodeTables> countByType(const std::vector<ravel::CodeInfo>& codes) {
+  std::array<std::size_t, kCodeTables> counts{};
+  for (const ravel::CodeInfo& code : codes)
+    if (knownType(code)) ++counts[static_cast<std::size_t>(code.codeType - 1)];
+  return counts;
+}
+
+std::string shown(const std::string& name) {
+  return name.size() <= kShownNameBytes ? name : name.substr(0, kShownNameBytes) + "...";
+}
+
+}  // namespace
+
+bool TolvarAPI::checkCodeChangeRequest() {
+  if (!m_isCheckingCode) return false;
+  try {
+    TOLVAR_LOG(kLogDebug, __LINE__,
+               "begin check code change request. this="
+                   << static_cast<const void*>(this) << ", m_isCheckingCode=" << m_isCheckingCode);
+    std::vector<ravel::CodeInfo> codes;
+    _pTolvarPrx->totalDownloadCode(codes);
+    std::sort(codes.begin(), codes.end());
+    const std::array<std::size_t, kCodeTables> counts = countByType(codes);
+
+    const int target = m_code_vector[0] == &m_code_vector_impl[0][0] ? 1 : 0;
+    beginPublication(target, &MemoryHead::code_usable);
+    for (int i = 0; i < kCodeTables; ++i)
+      ResizeCodeBuffer(target, i, counts[static_cast<std::size_t>(i)]);
+    for (int i = 0; i < kCodeTables; ++i) m_code_vector_impl[i][target].clear();
+    setHalf(target, &MemoryHead::code_usable, kMemoryStatusPending);
+    writeCodes(target, codes);
+    setHalf(target, &MemoryHead::code_usable, kMemoryStatusReady);
+    takeOverCodes(target, codes);
+
+    const int other = 1 - target;
+    setPending(other);
+    for (int i = 0; i < kCodeTables; ++i)
+      ResizeCodeBuffer(other, i, counts[static_cast<std::size_t>(i)]);
+    mirrorImage(target, other);
+    m_internals->codeRetry.succeeded();
+    m_isCheckingCode = false;
+  } catch (const qel::ZU_Exception& error) {
+    TOLVAR_LOG(kLogError, __LINE__, "catch qel exception: " << error.what());
+    retryLater(m_internals->codeRetry, "code tables", error.what());
+  } catch (const std::exception& error) {
+    TOLVAR_LOG(kLogError, __LINE__, "catch std exception:" << error.what());
+    retryLater(m_internals->codeRetry, "code tables", error.what());
+  } catch (...) {
+    TOLVAR_LOG(kLogError, __LINE__, "UNKOWN EX:");
+    retryLater(m_internals->codeRetry, "code tables", "unknown failure");
+  }
+  return true;
+}
+
+void TolvarAPI::writeCodes(int target, const std::vector<ravel::CodeInfo>& codes) {
+  for (const ravel::CodeInfo& code : codes) {
+    if (!knownType(code)) {
+      TOLVAR_LOG(kLogError, __LINE__, "invalid code type. code_type = " << code.codeType);
+      continue;
+    }
+    try {
+      tolvar::appendNode(code, &m_code_vector_impl[code.codeType - 1][target]);
+    } catch (const memVectorException& error) {
+      TOLVAR_LOG(kLogError, __LINE__,
+                 "checkCodeChangeResponse catch exception. "
+                     << error.what() << ", code_type = " << code.codeType
+                     << ", code_id = " << code.ID << ", content = " << shown(code.content));
+    }
+  }
+}
+
+void TolvarAPI::takeOverCodes(int target, const std::vector<ravel::CodeInfo>& codes) {
+  for (auto& map : m_code_query_map) map.clear();
+  for (const ravel::CodeInfo& code : codes) {
+    if (knownType(code))
+      m_code_query_map[code.codeType - 1].insert_or_assign(static_cast<std::uint64_t>(code.ID),
+                                                           code);
+  }
+  m_internals->buildCodes(m_code_query_map);
+  Lock hold(*this);
+  m_internals->publishCodes();
+  for (int i = 0; i < kCodeTables; ++i) m_code_vector[i] = &m_code_vector_impl[i][target];
+  announceReady(2);
+}

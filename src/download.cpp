@@ -1,0 +1,118 @@
+#include <cstring>
+
+#include "src/client_internals.h"
+#include "src/client_log.h"
+
+namespace {
+
+constexpr std::uint32_t kPageRanges = 50000;
+
+/// One range for every /24 there is: a table with more is no table, and memory must stay bounded.
+constexpr std::size_t kMaxTableRanges = std::size_t{1} << 24;
+
+constexpr std::uint64_t cursorOf(std::uint32_t high, std::uint32_t low) {
+  return static_cast<std::uint64_t>(high) << 32 | low;
+}
+
+/// The range without its place in the service's sequence, which only paging needs.
+ravel::IPProperty withoutCursor(ravel::IPProperty range) {
+  range.timesTamp = 0;
+  range.sequence = 0;
+  return range;
+}
+
+}  // namespace
+
+bool TolvarAPI::totalDownloadRequest() {
+  if (!m_isTotalDownLoading) return false;
+  try {
+    const auto high = static_cast<std::uint32_t>(m_currDownloadPos >> 32);
+    const auto low = static_cast<std::uint32_t>(m_currDownloadPos);
+    TOLVAR_LOG(kLogDebug, 862, "begin small download, high_pos=" << high << ", low_pos=" << low);
+    ravel::downloadInfo page;
+    if (m_cltMd5 == "0") {
+      const ravel::FTolvarPrx proxy = _pFTolvarPrx->selectServer(m_proxy_hash_key);
+      TOLVAR_LOG(kLogDebug, 868,
+                 "This is the first totalDownloadRequest,the m_cltMd5 is: "
+                     << m_cltMd5 << ", proxy=" << static_cast<const void*>(proxy.get()));
+      proxy->FirstTotalDownloadIPInfo(high, low, kPageRanges, page);
+    } else {
+      const ravel::TolvarPrx proxy = _pTolvarPrx->selectServer(m_proxy_hash_key);
+      TOLVAR_LOG(kLogDebug, 876,
+                 "This is the non_first totalDownloadRequest,the m_cltMd5 is: "
+                     << m_cltMd5 << ", proxy=" << static_cast<const void*>(proxy.get()));
+      proxy->totalDownloadIPInfo(high, low, kPageRanges, page);
+    }
+    TOLVAR_LOG(kLogDebug, 885,
+               "small download done, high_pos="
+                   << high << ", low_pos=" << low << ", content_size=" << page.IPContent.size()
+                   << ", high_index=" << page.highMaxIndex << ", low_index=" << page.lowMaxIndex);
+    if (gatherPage(page, cursorOf(page.highMaxIndex, page.lowMaxIndex))) finishDownload();
+  } catch (const qel::ZU_Exception& error) {
+    TOLVAR_LOG(kLogError, 957, "catch qel exception: " << error.what());
+    retryLater(m_internals->downloadRetry, "download", error.what());
+  } catch (const std::exception& error) {
+    TOLVAR_LOG(kLogError, 962, "catch  std exception:" << error.what());
+    retryLater(m_internals->downloadRetry, "download", error.what());
+  } catch (...) {
+    TOLVAR_LOG(kLogError, 967, "UNKOWN EX:");
+    retryLater(m_internals->downloadRetry, "download", "unknown failure");
+  }
+  return true;
+}
+
+bool TolvarAPI::gatherPage(const ravel::downloadInfo& page, std::uint64_t maxIndex) {
+  const std::uint64_t sent = m_currDownloadPos;
+  const bool afresh = page.isdownloadReset == 1;
+  if (afresh) m_vIPProperty.clear();
+  if (page.IPContent.empty()) return true;
+  // A page that begins the table afresh belongs to a table of its own. The position that was sent
+  // counts in the table before it, and comparing the two would publish an empty table.
+  if (sent >= maxIndex && !(afresh && sent != 0)) return true;
+
+  // Whatever is asked for a position more than once is gathered once, the last answer.
+  if (afresh || m_internals->pagePosition != sent) {
+    m_internals->pagePosition = sent;
+    m_internals->pageBegin = m_vIPProperty.size();
+  }
+  m_vIPProperty.resize(m_internals->pageBegin);
+  if (m_vIPProperty.size() + page.IPContent.size() > kMaxTableRanges) {
+    m_isTotalDownLoading = false;
+    m_vIPProperty = {};
+    throw qel::ZU_Exception("the service's table has more than " + std::to_string(kMaxTableRanges) +
+                            " ranges; the download is given up until the next change check");
+  }
+  for (const ravel::IPProperty& range : page.IPContent)
+    m_vIPProperty.push_back(withoutCursor(range));
+
+  const std::uint64_t reached =
+      cursorOf(page.IPContent.back().timesTamp, page.IPContent.back().sequence);
+  const bool advances = reached > sent || (afresh && reached != 0 && reached != sent);
+  if (advances) {
+    m_internals->downloadRetry.succeeded();
+    m_currDownloadPos = reached;
+  } else if (reached < maxIndex) {
+    retryLater(m_internals->downloadRetry, "download", "a page did not advance the position");
+  }
+  return reached >= maxIndex;
+}
+
+void TolvarAPI::finishDownload() {
+  m_isTotalDownLoading = false;
+  const std::int64_t gathered = m_internals->clock.steadyMillis();
+  try {
+    totalWriteData2Shm();
+  } catch (...) {
+    // A table that was gathered but could not be published is published on a later pass: the next
+    // page asked for at the final position is empty and leads here again.
+    m_isTotalDownLoading = !m_internals->tableTakenOver;
+    throw;
+  }
+  m_internals->downloadRetry.succeeded();
+  if (m_posFile.getPointer() != nullptr)
+    std::memcpy(m_posFile.getPointer(), &m_currDownloadPos, sizeof m_currDownloadPos);
+  m_tEnd = m_internals->clock.timeOfDay();
+  std::lock_guard<std::mutex> hold(m_internals->statusMutex);
+  m_internals->status.downloadMillis = gathered - m_internals->downloadArmedSteady;
+  m_internals->status.publishMillis = m_internals->clock.steadyMillis() - gathered;
+}

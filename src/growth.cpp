@@ -1,0 +1,187 @@
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "platform/assertion.h"
+#include "src/client_internals.h"
+#include "src/client_log.h"
+#include "src/segment_layout.h"
+
+using tolvar::kCodeTables;
+using tolvar::kHeadBytes;
+using tolvar::kSizeWordBytes;
+
+namespace {
+
+constexpr const char* kResizeFunction = "void TolvarAPI::ResizeShareMemory(int, size_t)";
+constexpr const char* kCopyFunction = "void TolvarAPI::CopyShareMemory(int, int)";
+
+void require(bool holds, const char* expression, const char* function, unsigned line) {
+  if (!holds) qel::assertionFailed(expression, "TolvarAPI", line, function);
+}
+
+std::size_t bytesOf(const ProlatePointer& region) { return region.Size() + kSizeWordBytes; }
+
+}  // namespace
+
+void TolvarAPI::ResizeShareMemory(int shm_index, std::size_t size) {
+  if (growSegment(shm_index, size)) walkRegions(shm_index);
+}
+
+bool TolvarAPI::growSegment(int shm_index, std::size_t size) {
+  require(shm_index == 0 || shm_index == 1, "(shm_index == 0) || (shm_index == 1)", kResizeFunction,
+          __LINE__);
+  qel::ZU_Shm& shm = m_shm[shm_index];
+  const std::size_t origin = shm.size();
+  require(origin > sizeof(MemoryHead), "origin_size > sizeof(MemoryHead)", kResizeFunction,
+          __LINE__);
+  if (origin >= size) return false;
+  const std::size_t next = CalculateNextSize(size);
+
+  const auto* begin = static_cast<const char*>(shm.getPointer());
+  const std::vector<char> content(begin, begin + origin);
+  shm.del();
+  try {
+    shm.init(next, m_shm_key[shm_index]);
+    if (shm.size() < next) {
+      throw qel::ZU_Exception("another process made the segment behind key " +
+                              std::to_string(m_shm_key[shm_index]) + " with " +
+                              std::to_string(shm.size()) + " bytes");
+    }
+  } catch (const qel::ZU_Exception& error) {
+    TOLVAR_LOG(kLogError, __LINE__,
+               "cannot grow share memory to " << next << " bytes, keeping " << origin
+                                              << ". shm_index=" << shm_index << ", "
+                                              << error.what());
+    shm.init(origin, m_shm_key[shm_index]);
+    std::memcpy(shm.getPointer(), content.data(), std::min(origin, shm.size()));
+    walkRegions(shm_index);
+    throw;
+  }
+  std::memcpy(shm.getPointer(), content.data(), origin);
+  WriteShareMemorySize(next);
+  return true;
+}
+
+void TolvarAPI::walkRegions(int shm_index) {
+  MemoryHolder& holder = m_holder[shm_index];
+  char* const segment = static_cast<char*>(m_shm[shm_index].getPointer());
+  std::size_t at = kHeadBytes;
+  const auto next = [&](ProlatePointer& region) {
+    if (at + kSizeWordBytes + sizeof(tagMemQueueHead) > m_shm[shm_index].size()) {
+      throw qel::ZU_Exception("the regions of data segment " + std::to_string(shm_index) +
+                              " do not fit into it");
+    }
+    region.ReSet(segment + at);
+    if (region.Size() < sizeof(tagMemQueueHead) ||
+        region.Size() > m_shm[shm_index].size() - at - kSizeWordBytes) {
+      throw qel::ZU_Exception("a region of data segment " + std::to_string(shm_index) +
+                              " has the impossible size " + std::to_string(region.Size()));
+    }
+    at += bytesOf(region);
+  };
+  next(holder.ip_ptr);
+  m_ip_vector_impl[shm_index].reset(holder.ip_ptr.Data(), holder.ip_ptr.Size());
+  for (int k = 0; k < kCodeTables; ++k) {
+    next(holder.code_ptr[k]);
+    m_code_vector_impl[k][shm_index].reset(holder.code_ptr[k].Data(), holder.code_ptr[k].Size());
+  }
+}
+
+/// Lays code region `code_index` behind its predecessor, its content taken from `saved`.
+void TolvarAPI::moveRegion(int shm_index, int code_index, const char* saved) {
+  MemoryHolder& holder = m_holder[shm_index];
+  const ProlatePointer& before = code_index == 0 ? holder.ip_ptr : holder.code_ptr[code_index - 1];
+  ProlatePointer& region = holder.code_ptr[code_index];
+  const std::size_t size = region.Size();
+  char* const block = static_cast<char*>(before.Data()) + before.Size() + kSizeWordBytes;
+  std::memcpy(block, saved, size);
+  region.ReSet(block, size);
+}
+
+void TolvarAPI::ResizeIpBuffer(int shm_index, std::size_t count) {
+  MemoryHolder& holder = m_holder[shm_index];
+  const std::size_t need = IPVector::calcMemSize(count);
+  if (holder.ip_ptr.Size() >= need) return;
+  const std::size_t old = holder.ip_ptr.Size();
+  const std::size_t next = CalculateNextSize(need);
+  std::size_t rest = old;
+  for (const ProlatePointer& region : holder.code_ptr) rest += bytesOf(region);
+  // The old block is counted on top of the new one, as a margin.
+  ResizeShareMemory(shm_index, next + kHeadBytes + kSizeWordBytes + rest);
+
+  const auto* begin = static_cast<const char*>(holder.ip_ptr.Data());
+  const std::vector<char> saved(begin, begin + rest);
+  holder.ip_ptr.ReSet(holder.ip_ptr.Data(), next);
+  std::size_t at = old;
+  for (int k = 0; k < kCodeTables; ++k) {
+    const std::size_t bytes = bytesOf(holder.code_ptr[k]);
+    moveRegion(shm_index, k, saved.data() + at + kSizeWordBytes);
+    at += bytes;
+  }
+  m_ip_vector_impl[shm_index].reset(holder.ip_ptr.Data(), holder.ip_ptr.Size());
+  for (int k = 0; k < kCodeTables; ++k)
+    m_code_vector_impl[k][shm_index].reset(holder.code_ptr[k].Data(), holder.code_ptr[k].Size());
+}
+
+void TolvarAPI::ResizeCodeBuffer(int shm_index, int code_index, std::size_t count) {
+  MemoryHolder& holder = m_holder[shm_index];
+  ProlatePointer& grown = holder.code_ptr[code_index];
+  const std::size_t need = CodeVector::calcMemSize(count);
+  if (grown.Size() >= need) return;
+  const std::size_t old = grown.Size();
+  std::size_t before = holder.ip_ptr.Size() + kHeadBytes + kSizeWordBytes;
+  for (int k = 0; k < code_index; ++k) before += bytesOf(holder.code_ptr[k]);
+  const std::size_t next = CalculateNextSize(need);
+  std::size_t after = old;
+  for (int k = code_index + 1; k < kCodeTables; ++k) after += bytesOf(holder.code_ptr[k]);
+  // The old block is counted on top of the new one, as a margin; the grown region's own size word
+  // is covered by it.
+  ResizeShareMemory(shm_index, before + next + after);
+
+  const auto* begin = static_cast<const char*>(grown.Data());
+  const std::vector<char> saved(begin, begin + after);
+  grown.ReSet(grown.Data(), next);
+  std::size_t at = old;
+  for (int k = code_index + 1; k < kCodeTables; ++k) {
+    const std::size_t bytes = bytesOf(holder.code_ptr[k]);
+    moveRegion(shm_index, k, saved.data() + at + kSizeWordBytes);
+    at += bytes;
+  }
+  for (int k = code_index; k < kCodeTables; ++k)
+    m_code_vector_impl[k][shm_index].reset(holder.code_ptr[k].Data(), holder.code_ptr[k].Size());
+}
+
+void TolvarAPI::CopyShareMemory(int from, int to) {
+  MemoryHead ready;
+  ready.ip_usable = kMemoryStatusReady;
+  ready.code_usable = kMemoryStatusReady;
+  copyImage(from, to, ready);
+}
+
+void TolvarAPI::copyImage(int from, int to, const MemoryHead& announced) {
+  ReadMemoryHead(to, &m_memory_head[to]);
+  m_memory_head[to].ip_usable = kMemoryStatusPending;
+  m_memory_head[to].code_usable = kMemoryStatusPending;
+  WriteMemoryHead(to, m_memory_head[to]);
+  if (m_shm[to].size() < m_shm[from].size()) growSegment(to, m_shm[from].size());
+
+  std::size_t total = 0;
+  const std::size_t offset = sizeof(MemoryHead);
+  // A record that an operator removed is written anew from what the segments really are.
+  if (!ReadShareMemorySize(&total)) WriteShareMemorySize(m_shm[from].size());
+  require(ReadShareMemorySize(&total), "ReadShareMemorySize(&total_shm_size)", kCopyFunction,
+          __LINE__);
+  require(total > offset, "total_shm_size > offset", kCopyFunction, __LINE__);
+  // The record is a hint. What is copied is the whole source, which the target is large enough for,
+  // and neither mapping is touched beyond its end.
+  total = std::min(m_shm[from].size(), m_shm[to].size());
+  std::memcpy(static_cast<char*>(m_shm[to].getPointer()) + offset,
+              static_cast<const char*>(m_shm[from].getPointer()) + offset, total - offset);
+  walkRegions(to);
+
+  m_memory_head[to].ip_usable = announced.ip_usable;
+  m_memory_head[to].code_usable = announced.code_usable;
+  WriteMemoryHead(to, m_memory_head[to]);
+  ReadMemoryHead(to, &m_memory_head[to]);
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "records/records.h"
+
+namespace tolvar {
+
+/// Name of a source label: ids 1 to 15 have one, all others answer an empty view. The view is valid
+/// for the life of the process.
+std::string_view labelName(std::uint32_t id) noexcept;
+
+/// The names of the eight code tables and of the source labels in one text, found by flat hash
+/// tables. Immutable: every operation of a finished object may be called from any number of threads
+/// at once, and none allocates, locks or calls the operating system. Views are valid as long as the
+/// object, which may not be moved meanwhile.
+class CodeNames {
+ public:
+  /// A name's place in the text.
+  struct Place {
+    std::uint32_t offset = 0;
+    std::uint32_t length = 0;  ///< bytes
+  };
+
+  /// Code types: country, province, city, district, extend, oper, nettype, apn.
+  static constexpr int kTypes = 8;
+
+  /// No names but the labels.
+  CodeNames();
+
+  /// The names of `maps`, one map for each code type, from id to the record whose `content` is the
+  /// name. Throws std::bad_alloc, and std::length_error when the names take 4 GiB or more.
+  explicit CodeNames(const std::unordered_map<std::uint64_t, ravel::CodeInfo> (&maps)[kTypes]);
+
+  /// Name of `id`; empty when the table has none and when `type` is outside 0 to 7.
+  std::string_view find(int type, std::uint64_t id) const noexcept {
+    return view(findPlace(type, id));
+  }
+
+  /// The same as a place in the text.
+  Place findPlace(int type, std::uint64_t id) const noexcept;
+
+  /// Place of labelName(id) in the text.
+  Place labelPlace(std::uint32_t id) const noexcept;
+
+  std::string_view view(Place place) const noexcept {
+    return {_text.data() + place.offset, place.length};
+  }
+
+  /// All names, one after the other.
+  const char* text() const noexcept { return _text.data(); }
+
+  /// Memory held, in bytes.
+  std::size_t memoryBytes() const noexcept;
+
+ private:
+  struct Slot {
+    std::uint64_t id = 0;
+    Place place;  ///< length 0: free; an empty name needs no slot
+  };
+  struct Table {
+    std::vector<Slot> slots;  ///< a power of two, at most half of them taken, at least one free
+    unsigned shift = 63;      ///< what of a hash chooses the slot
+  };
+
+  void addLabels();
+  Place append(std::string_view name);
+  void fill(Table* table, const std::unordered_map<std::uint64_t, ravel::CodeInfo>& map);
+
+  std::vector<char> _text;
+  std::array<Table, kTypes> _tables;
+};
+
+}  // namespace tolvar

@@ -1,0 +1,56 @@
+#include "src/index/range_index.h"
+
+#include <algorithm>
+#include <array>
+
+namespace tolvar {
+namespace {
+
+/// Addresses that are under way together. Enough to keep the memory busy, few enough for what one
+/// stage leaves behind to stay in the first-level cache for the next.
+constexpr std::size_t kGroup = 64;
+
+void prefetch(const void* address) noexcept { __builtin_prefetch(address, 0, 3); }
+
+}  // namespace
+
+void RangeIndex::findTuples(std::span<const std::uint32_t> ips,
+                            std::uint32_t* tuples) const noexcept {
+  std::array<std::uint32_t, kGroup> words;
+  for (std::size_t begin = 0; begin < ips.size(); begin += kGroup) {
+    const std::size_t count = std::min(kGroup, ips.size() - begin);
+    const std::uint32_t* const group = ips.data() + begin;
+    for (std::size_t i = 0; i < count; ++i) {
+      words[i] = secondWordNumber(group[i]);
+      prefetch(&_words[words[i]]);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      words[i] = resolve(words[i], group[i] & 0xFFFFu);
+      prefetch(leafOf(words[i]));
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      tuples[begin + i] = searchLeaf(words[i], group[i] & 0xFFFFu);
+    }
+  }
+}
+
+void RangeIndex::findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
+                           std::uint8_t* found) const noexcept {
+  std::array<std::uint32_t, kGroup> tuples;
+  for (std::size_t begin = 0; begin < ips.size(); begin += kGroup) {
+    const std::size_t count = std::min(kGroup, ips.size() - begin);
+    findTuples(ips.subspan(begin, count), tuples.data());
+    for (std::size_t i = 0; i < count; ++i) prefetch(&_tuples[tuples[i]]);
+    for (std::size_t i = 0; i < count; ++i) {
+      infos[begin + i] = _tuples[tuples[i]].info;
+      found[begin + i] = tuples[i] != 0;
+    }
+  }
+}
+
+std::size_t RangeIndex::memoryBytes() const noexcept {
+  return sizeof *this + _words.capacity() * sizeof(std::uint32_t) +
+         _lines.capacity() * sizeof(Line) + _tuples.capacity() * sizeof(Tuple);
+}
+
+}  // namespace tolvar

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "src/index/range_index.h"
+#include "src/index/tuple_pool.h"
+
+namespace tolvar {
+
+/// Turns sorted ranges into a RangeIndex, one /16 bucket at a time, so that beside the index itself
+/// it holds one bucket's break points and the hash table over the tuples. Confined to one thread.
+class RangeIndexBuilder {
+ public:
+  explicit RangeIndexBuilder(std::size_t expectedRanges);
+
+  /// Adds the next range in order. Throws std::bad_alloc and std::length_error.
+  void add(const ravel::IPProperty& range);
+
+  /// The finished index; the builder is used up.
+  RangeIndex finish();
+
+ private:
+  /// An address's low 16 bits and the tuple that holds from there on.
+  struct Break {
+    std::uint16_t key;
+    std::uint32_t tuple;
+  };
+  struct Breaks {
+    const Break* data;
+    std::size_t count;
+  };
+
+  std::uint32_t tupleOf(const ravel::IPProperty& range);
+  void setFrom(std::uint32_t address, std::uint32_t tuple);
+  void closeBucketsBefore(std::uint32_t bucket);
+
+  std::uint32_t makeNode(std::uint32_t first, Breaks breaks, std::uint32_t start,
+                         std::uint32_t bits);
+  std::uint32_t makeDirectory(std::uint32_t first, Breaks breaks, std::uint32_t start,
+                              std::uint32_t bits);
+  std::uint32_t makeLeaf(std::uint32_t first, Breaks breaks);
+  static std::uint32_t directoryBits(Breaks breaks, std::uint32_t bits) noexcept;
+  std::size_t placeLeaf(std::size_t units);
+  unsigned char* linkOf(std::uint32_t line) noexcept;
+
+  static constexpr std::size_t kLineUnits = RangeIndex::kLineBytes / RangeIndex::kUnitBytes;
+  /// A key count reads 16 bytes, so nothing smaller may end a line.
+  static constexpr std::size_t kMinLeafUnits = 2;
+
+  RangeIndex _index;
+  TuplePool _pool;
+  std::uint64_t _uncovered = 0;      ///< first address that no range so far reaches
+  std::uint32_t _current = 0;        ///< tuple that holds from the last break point on
+  std::uint32_t _bucket = 0;         ///< bucket that break points are gathered for
+  std::uint32_t _first = 0;          ///< tuple at the first address of that bucket
+  std::vector<Break> _breaks;        ///< break points inside that bucket
+  /// By free 8-byte units: first of a chain of lines with that much room at their end; 0: none.
+  std::array<std::uint32_t, kLineUnits> _open{};
+};
+
+}  // namespace tolvar

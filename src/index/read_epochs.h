@@ -1,0 +1,116 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <utility>
+
+/// Read sections: how readers tell a writer, without waiting for anybody, that they may still hold
+/// something it has replaced. One domain serves the whole process.
+///
+/// Thread safety: everything here may be called from any thread; a ReadSection ends on the thread
+/// that began it. Not for signal handlers.
+///
+/// Invariants:
+///  1. A thread's slot holds 0 outside read sections; inside, the value of the process epoch as the
+///     outermost section began. Only its own thread writes it.
+///  2. A writer first replaces, then advances the epoch. So a reader that took the epoch from after
+///     the advance (acquire) sees the replacement, and a writer waits only for smaller ones.
+///  3. A reader's slot store is ordered before its loads of anything replaceable. Either the store
+///     is sequentially consistent (bit 0 of the epoch set), or it is a plain store and the writer
+///     makes every thread of the process pass a full barrier between replacing and looking at the
+///     slots (membarrier): a store before that barrier is seen by the writer, loads after it
+///     see the replacement.
+///  4. A slot is in the list of slots from its thread's first section until the thread ends, and
+///     the list is walked and changed under its mutex only. No one holds that mutex while waiting
+///     for a reader, so a thread's first section waits for a short walk at most, later ones
+///     for nothing.
+///  5. Slots are storage of their threads: nothing is allocated, and a process holds as many as it
+///     has threads. A section that begins during or after a thread's thread_local destructors
+///     enlists the slot for its own duration.
+///  6. In a forked child the list holds the forking thread's slot at most.
+namespace tolvar {
+
+/// One thread's announcement; internal to ReadSection.
+struct alignas(64) ReaderSlot {
+  /// Added to `depth` when the end of the outermost section also takes the slot off the list.
+  static constexpr std::uint32_t kTransient = 1u << 31;
+
+  std::atomic<std::uint64_t> epoch{0};
+  std::uint32_t depth = 0;  ///< sections of the thread that have begun and not ended
+  ReaderSlot* previous = nullptr;
+  ReaderSlot* next = nullptr;
+};
+
+namespace epochs {
+
+struct alignas(64) ProcessEpoch {
+  std::atomic<std::uint64_t> value;
+};
+
+/// Bit 0: readers use sequentially consistent stores. Bits 1 to 63: the epoch, from 1 on.
+extern constinit ProcessEpoch processEpoch;
+
+/// The calling thread's slot; null while it is not in the list. One pointer in the static TLS block
+/// is cheap to reach and fits in what the C library keeps free for libraries loaded at run time.
+extern constinit thread_local ReaderSlot* threadSlot __attribute__((tls_model("initial-exec")));
+
+/// Enlists the calling thread's slot and answers it.
+ReaderSlot* enlist() noexcept;
+
+/// Ends a section whose end takes the slot off the list.
+void leaveTransient(ReaderSlot* slot) noexcept;
+
+/// Writes the current epoch into the slot of a thread whose outermost section begins.
+inline void announce(ReaderSlot* slot) noexcept {
+  const std::uint64_t epoch = processEpoch.value.load(std::memory_order_acquire);
+  if ((epoch & 1u) != 0) [[unlikely]] {
+    slot->epoch.store(epoch, std::memory_order_seq_cst);
+  } else {
+    slot->epoch.store(epoch, std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  }
+}
+
+}  // namespace epochs
+
+/// While it lives, nothing that its thread could reach when it began and that a writer retires with
+/// waitForReaders() goes away. Sections nest; beginning and ending one takes about a nanosecond
+/// and never waits, allocates or calls the operating system, except for a thread's first.
+/// May be moved within its thread.
+class ReadSection {
+ public:
+  ReadSection() noexcept : _slot(epochs::threadSlot) {
+    if (_slot == nullptr) [[unlikely]]
+      _slot = epochs::enlist();
+    if (_slot->depth++ == 0) epochs::announce(_slot);
+  }
+
+  ReadSection(ReadSection&& other) noexcept : _slot(std::exchange(other._slot, nullptr)) {}
+  ReadSection& operator=(ReadSection&& other) noexcept {
+    std::swap(_slot, other._slot);
+    return *this;
+  }
+
+  ~ReadSection() {
+    if (_slot == nullptr) return;
+    const std::uint32_t depth = --_slot->depth;
+    if (depth == 0) [[likely]] {
+      _slot->epoch.store(0, std::memory_order_release);
+    } else if (depth == ReaderSlot::kTransient) [[unlikely]] {
+      epochs::leaveTransient(_slot);
+    }
+  }
+
+ private:
+  ReaderSlot* _slot;
+};
+
+/// Waits until every read section that had begun before the call has ended, on whatever thread.
+/// What the caller unlinked before the call is then out of every reader's reach. Sections that
+/// begin later are not waited for. Several threads may wait at once.
+///
+/// A thread that is inside a read section would wait for itself: that is a programming error and
+/// aborts the process.
+void waitForReaders() noexcept;
+
+}  // namespace tolvar

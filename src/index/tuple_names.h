@@ -1,0 +1,75 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "src/index/code_names.h"
+#include "src/index/range_index.h"
+
+namespace tolvar {
+
+/// The nine names of an attribute tuple; a name that the code tables do not have is empty.
+struct NameRow {
+  std::string_view country;
+  std::string_view province;
+  std::string_view city;
+  std::string_view district;
+  std::string_view extend;
+  std::string_view oper;
+  std::string_view nettype;
+  std::string_view apn;
+  std::string_view flable;
+};
+
+/// The names of every attribute tuple of a RangeIndex, resolved once, in one cache line a tuple.
+/// Immutable: every operation may be called from any number of threads at once, and none
+/// allocates, locks or calls the operating system.
+class TupleNames {
+ public:
+  /// Resolves the tuples of `ranges` (used during the call only) with `codes`, which the object
+  /// keeps and which is not null. Throws std::bad_alloc.
+  TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames> codes);
+
+  /// Names of `tuple`, a number below tupleCount(). Tuple 0 has nine empty ones. The views are
+  /// valid as long as the CodeNames the object was built with.
+  NameRow row(std::uint32_t tuple) const noexcept {
+    const Row& line = _rows[tuple];
+    return {view(line, 0), view(line, 1), view(line, 2), view(line, 3), view(line, 4),
+            view(line, 5), view(line, 6), view(line, 7), view(line, 8)};
+  }
+
+  std::size_t tupleCount() const noexcept { return _rows.size(); }
+
+  /// Memory held, in bytes, without the CodeNames.
+  std::size_t memoryBytes() const noexcept;
+
+ private:
+  static constexpr std::size_t kNames = 9;
+  /// Stands for a length of this and more; the true one is in _long.
+  static constexpr std::uint16_t kLong = UINT16_MAX;
+
+  struct alignas(64) Row {
+    std::array<std::uint32_t, kNames> offsets;
+    std::array<std::uint16_t, kNames> lengths;
+  };
+  static_assert(sizeof(Row) == 64);
+
+  std::string_view view(const Row& line, std::size_t name) const noexcept {
+    if (line.lengths[name] == kLong) [[unlikely]]
+      return longView(line.offsets[name]);
+    return {_text + line.offsets[name], line.lengths[name]};
+  }
+  std::string_view longView(std::uint32_t offset) const noexcept;
+  void setName(Row* line, std::size_t name, CodeNames::Place place);
+
+  std::shared_ptr<const CodeNames> _codes;
+  const char* _text;
+  std::vector<Row> _rows;
+  std::vector<CodeNames::Place> _long;  ///< places of names of kLong bytes or more, by offset
+};
+
+}  // namespace tolvar

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "records/records.h"
+
+namespace tolvar {
+
+/// Numbers distinct attribute tuples in the order they first appear, from 1 on; 0 is the all-zero
+/// tuple "no range" and never handed out. A hash table over tuples that are stored elsewhere.
+/// Confined to one thread.
+class TuplePool {
+ public:
+  TuplePool();
+
+  /// Attributes of `range` as a lookup reports them: `place` split by truncating signed division,
+  /// `apn` and `flable` cut to their low 8 bits.
+  static ravel::IPInfo unpack(const ravel::IPProperty& range) noexcept;
+
+  /// Number of the tuple of `range`; `isNew` says whether it was handed out for the first time. Two
+  /// ranges share a number exactly when `unpack` answers the same for both. Throws std::bad_alloc.
+  std::uint32_t number(const ravel::IPProperty& range, bool* isNew);
+
+ private:
+  struct Key {
+    std::int64_t place;
+    std::uint32_t extend;
+    std::uint32_t oper;
+    std::uint32_t nettype;
+    std::uint32_t apnAndFlable;
+
+    bool operator==(const Key&) const = default;
+  };
+  struct Slot {
+    Key key;
+    std::uint32_t number;  ///< 0: free
+  };
+
+  static Key keyOf(const ravel::IPProperty& range) noexcept;
+  static std::uint64_t hash(const Key& key) noexcept;
+  void grow();
+
+  std::vector<Slot> _slots;
+  std::uint32_t _used = 0;
+  Slot _last{};
+};
+
+}  // namespace tolvar

@@ -1,0 +1,224 @@
+#include <cstdio>
+
+#include "src/client_internals.h"
+#include "src/client_log.h"
+#include "src/segment_layout.h"
+
+namespace {
+
+constexpr int kLogFileBytes = 52428800;
+constexpr int kLogFiles = 10;
+constexpr std::size_t kPositionFileBytes = 9;
+constexpr int kReadySeconds = 30;
+constexpr int kReadyRoundMillis = 100;
+constexpr int kAllReady = 3;
+
+void printLine(std::FILE* stream, const std::string& line) {
+  const std::string text = line + "\n";
+  std::fwrite(text.data(), 1, text.size(), stream);
+  std::fflush(stream);
+}
+
+std::string takeLine(qel::ZU_ThreadStream& stream, int line) {
+  std::string text = "TolvarAPI:" + std::to_string(line) + "]" + stream.str();
+  stream.str("");
+  return text;
+}
+
+}  // namespace
+
+TolvarAPI::TolvarAPI() : TolvarAPI(qel::systemClock()) {}
+
+TolvarAPI::TolvarAPI(qel::Clock& clock)
+    : m_has_initialized(0),
+      m_report(clock),
+      m_simple_key(0),
+      m_proxy_hash_key(0),
+      m_vectorIP(&m_ip_vector_impl[0]),
+      m_shm_key{0, 0, 0},
+      m_size(0),
+      m_log_initialized(false),
+      m_terminated(false),
+      m_protocolSeqNo(0),
+      m_isCheckingCode(false),
+      m_isTotalDownLoading(false),
+      m_isIncrementDownloading(false),
+      m_isReset(0),
+      m_currDownloadPos(0),
+      m_cltMd5("0"),
+      m_lastCheckDistrictCodeChanged(0),
+      m_lastCheckFileChanged(0),
+      m_tBegin{},
+      m_tEnd{},
+      m_destructor_wait(true),
+      m_internals(std::make_unique<tolvar::ClientInternals>(clock)) {
+  for (int table = 0; table < tolvar::kCodeTables; ++table)
+    m_code_vector[table] = &m_code_vector_impl[table][0];
+  m_internals->status.digest = m_cltMd5;
+}
+
+TolvarAPI::~TolvarAPI() { stopUpdateThread(); }
+
+void TolvarAPI::stopUpdateThread() {
+  {
+    Lock hold(*this);
+    terminate();
+    notifyAll();
+  }
+  getThreadControl().join();
+}
+
+void TolvarAPI::start() { qel::ZU_Thread::start(); }
+
+void TolvarAPI::terminate() { m_terminated = true; }
+
+TolvarStatus TolvarAPI::status() const {
+  std::lock_guard<std::mutex> hold(m_internals->statusMutex);
+  return m_internals->status;
+}
+
+bool TolvarAPI::initialize(const TolvarAPIOptions& options) {
+  try {
+    m_init_options = options;
+  } catch (const std::exception& error) {
+    TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception:" << error.what());
+    return false;
+  }
+  return initialize(m_init_options.comm, m_init_options.ip_servant, m_init_options.fast_ip_servant,
+                    m_init_options.shm_key_1, m_init_options.shm_key_2, m_init_options.log_path,
+                    m_init_options.shm_key_3);
+}
+
+bool TolvarAPI::initialize(qel::Communicator* comm, std::string ip_servant,
+                           std::string fast_ip_servant, key_t shm_key_1, key_t shm_key_2,
+                           std::string log_path, key_t shm_key_3) {
+  std::lock_guard<std::mutex> hold(m_internals->initializing);
+  try {
+    stopUpdateThread();
+    resetUpdateState();
+    openLog(log_path);
+    {
+      std::lock_guard<qel::ZU_ThreadMutex> holdReadiness(m_has_initialized_mutex);
+      m_has_initialized = 0;
+    }
+    if (!connectProxies(comm, ip_servant, fast_ip_servant)) return false;
+    m_posFile.mmap("downloadPos.dat", kPositionFileBytes);
+    TOLVAR_LIFECYCLE_LOG(kLogDebug, "current download position is " << m_currDownloadPos);
+    loadClientConf();
+    startReporter();
+    InitializeShareMemory(shm_key_1, shm_key_2, shm_key_3);
+    start();
+    return awaitReadiness();
+  } catch (const std::exception& error) {
+    TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception:" << error.what());
+  } catch (...) {
+    TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception.");
+  }
+  return false;
+}
+
+void TolvarAPI::resetUpdateState() {
+  m_terminated = false;
+  m_isCheckingCode = false;
+  m_isTotalDownLoading = false;
+  m_isReset = 0;
+  m_currDownloadPos = 0;
+  m_lastCheckFileChanged = 0;
+  m_vIPProperty.clear();
+  m_internals->lastCheckSteady = -1;
+  m_internals->downloadRetry.succeeded();
+  m_internals->codeRetry.succeeded();
+  // A digest stands for the segments that an earlier call attached to; the ones to come may differ.
+  Lock hold(*this);
+  m_cltMd5 = "0";
+}
+
+void TolvarAPI::openLog(const std::string& log_path) {
+  if (log_path.empty()) {
+    m_log_initialized = false;
+    return;
+  }
+  _local.start(1);
+  _logger.init(log_path + "/Tolvar/API/Tolvar.API", kLogFileBytes, kLogFiles);
+  _logger.modFlag(1, false);
+  _logger.modFlag(7, true);
+  _logger.setupThread(&_local);
+  m_log_initialized = true;
+}
+
+bool TolvarAPI::connectProxies(qel::Communicator* comm, const std::string& ip_servant,
+                               const std::string& fast_ip_servant) {
+  if (ip_servant.find(".FTolvarObj@tcp") != std::string::npos ||
+      fast_ip_servant.find(".TolvarObj@tcp") != std::string::npos) {
+    TOLVAR_LIFECYCLE_LOG(kLogDebug, "Please check the servantObj: TolvarObj is:"
+                                        << ip_servant << ",FTolvarObj is:" << fast_ip_servant);
+    return false;
+  }
+  if (comm == nullptr) throw qel::ZU_Exception("no communicator was given in the options");
+  comm->stringToProxy(ip_servant, _pTolvarPrx);
+  comm->stringToProxy(fast_ip_servant, _pFTolvarPrx);
+  return true;
+}
+
+void TolvarAPI::loadClientConf() {
+  // A service that is down must not keep a host with a complete image from starting, so this one
+  // failure leaves the default configuration in place and the readiness wait decides.
+  try {
+    installClientConf();
+  } catch (const std::exception& error) {
+    TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception:" << error.what());
+  } catch (...) {
+    TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception.");
+  }
+}
+
+void TolvarAPI::startReporter() {
+  m_report.stop();
+  m_report.setTolvarPrx(_pTolvarPrx);
+  m_report.set_destructor_wait(m_destructor_wait);
+  m_report.start();
+}
+
+bool TolvarAPI::awaitReadiness() {
+  qel::Clock& clock = m_internals->clock;
+  const std::int64_t begin = clock.steadyMillis() / 1000;
+  std::int64_t now = begin;
+  int mask = 0;
+  do {
+    std::lock_guard<qel::ZU_ThreadMutex> hold(m_has_initialized_mutex);
+    if (m_has_initialized != kAllReady)
+      clock.wait(m_has_initialized_cond, m_has_initialized_mutex, kReadyRoundMillis);
+    mask = m_has_initialized;
+    now = clock.steadyMillis() / 1000;
+  } while (mask != kAllReady && begin + kReadySeconds > now);
+
+  std::string digest;
+  {
+    Lock hold(*this);
+    digest = m_cltMd5;
+  }
+  TOLVAR_LIFECYCLE_LOG(kLogInfo, "TolvarAPI initialize finish, m_has_initialized="
+                                     << mask << ", clt_md5=" << digest << ", cost=" << now - begin
+                                     << "s.");
+  if (mask == kAllReady) return true;
+  stopUpdateThread();
+  return false;
+}
+
+void TolvarAPI::writeLog(int level, int line) {
+  const std::string text = takeLine(_osLog, line);
+  if (m_log_initialized) {
+    _logger.log(level) << text << std::endl;
+  } else {
+    printLine(level == kLogError ? stderr : stdout, text);
+  }
+}
+
+void TolvarAPI::writeLifecycleLog(int level, int line) {
+  const std::string text = takeLine(_osLog, line);
+  if (m_log_initialized) {
+    _logger.log(level) << text << std::endl;
+  } else {
+    printLine(stdout, text);
+  }
+}

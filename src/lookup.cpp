@@ -1,0 +1,96 @@
+#include "include/lookup_types.h"
+#include "platform/toolkit.h"
+#include "src/client_internals.h"
+
+bool TolvarAPI::binarySearch(std::uint32_t ip, VALUE* value) {
+  ravel::IPInfo info;
+  if (!getIPInfo(ip, &info)) return false;
+  value->place = info.district;
+  value->extend = info.extend;
+  value->oper = info.oper;
+  value->nettype = info.nettype;
+  value->apn = static_cast<std::uint8_t>(info.apn);
+  value->flable = static_cast<std::uint8_t>(info.flable);
+  return true;
+}
+
+bool TolvarAPI::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) {
+  const auto tables = m_internals->tables.read();
+  if (!tables) return false;
+  const std::uint32_t tuple = tables->ranges->findTuple(ip);
+  if (tuple == 0) return false;
+  *info = tables->ranges->info(tuple);
+  return true;
+}
+
+bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) {
+  {
+    const auto tables = m_internals->tables.read();
+    if (!tables) return false;
+    const std::uint32_t tuple = tables->ranges->findTuple(ip);
+    if (tuple == 0) return false;
+    const tolvar::NameRow names = tables->names->row(tuple);
+    msg->m_country.assign(names.country);
+    msg->m_province.assign(names.province);
+    msg->m_city.assign(names.city);
+    msg->m_district.assign(names.district);
+    msg->m_extend.assign(names.extend);
+    msg->m_oper.assign(names.oper);
+    msg->m_nettype.assign(names.nettype);
+    msg->m_apn.assign(names.apn);
+    msg->m_flable.assign(names.flable);
+  }
+  if (m_client_conf.getQueryData()->conf.statisOpen) {
+    m_report.report(ravel::ECountry, msg->m_country);
+    m_report.report(ravel::EProvince, msg->m_province);
+    m_report.report(ravel::ECity, msg->m_city);
+    m_report.report(ravel::EOperator, msg->m_oper);
+  }
+  return true;
+}
+
+bool TolvarAPI::getIPInfoFromStr(const std::string& ip, ravel::IPInfo* info) {
+  const bool found = getIPInfo(Toolkit::s2ipD(ip), info);
+  if (!found && simple() && m_client_conf.getQueryData()->conf.logUnknownIp)
+    reportLog("unknown ip:" + ip);
+  return found;
+}
+
+bool TolvarAPI::getIPInfoFromStr(const std::string& ip, IPHumanMessage* msg) {
+  const bool found = getIPInfo(Toolkit::s2ipD(ip), msg);
+  if (found && simple() && m_client_conf.getQueryData()->citys.count(msg->m_city) != 0)
+    reportLog(msg->ToString());
+  return found;
+}
+
+bool TolvarAPI::simple() {
+  // Unsigned arithmetic: the counter wraps without undefined behaviour.
+  std::int64_t key = static_cast<std::int64_t>(
+      static_cast<std::uint64_t>(m_simple_key.fetch_add(1, std::memory_order_relaxed)) + 1u);
+  if (key < 0) {
+    key = static_cast<std::int64_t>(0u - static_cast<std::uint64_t>(key));
+    m_simple_key.store(key, std::memory_order_relaxed);
+  }
+  return key % 10000 < m_client_conf.getQueryData()->conf.simplingRate;
+}
+
+void TolvarAPI::reportLog(const std::string& text) {
+  m_report.reportSimpleLog(text, m_client_conf.getQueryData()->conf.logBufferLimit);
+}
+
+std::string IPHumanMessage::ToString() const {
+  std::string line;
+  const auto add = [&line](const char* key, const std::string& value) {
+    line.append(key).append("=").append(value);
+  };
+  add(" country", m_country);
+  add(" province", m_province);
+  add(" city", m_city);
+  add(" district", m_district);
+  add(" extend", m_extend);
+  add(" oper", m_oper);
+  add(" nettype", m_nettype);
+  add(" apn", m_apn);
+  add(" flable", m_flable);
+  return line;
+}

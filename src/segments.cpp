@@ -1,0 +1,247 @@
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+#include "src/client_internals.h"
+#include "src/client_log.h"
+#include "src/image_codec.h"
+#include "src/segment_layout.h"
+
+using tolvar::kCodeTables;
+using tolvar::kHeadBytes;
+using tolvar::kSizeWordBytes;
+
+namespace {
+
+/// Beyond this a stored size is taken for damage, in bytes (1 TiB).
+constexpr std::size_t kMaxSegmentBytes = std::size_t{1} << 40;
+
+void checkKeys(key_t key1, key_t key2, key_t key3) {
+  if (key1 == 0 || key2 == 0 || key3 == 0) {
+    throw qel::ZU_Exception(
+        "shared-memory keys: shm_key_1, shm_key_2 and shm_key_3 must all be set to something other "
+        "than 0");
+  }
+  if (key1 == key2 || key1 == key3 || key2 == key3) {
+    throw qel::ZU_Exception(
+        "shared-memory keys: shm_key_1, shm_key_2 and shm_key_3 must differ from one another");
+  }
+}
+
+}  // namespace
+
+std::size_t TolvarAPI::CalculateNextSize(std::size_t n) { return tolvar::nextPowerOfTwo(n); }
+
+bool TolvarAPI::ReadShareMemorySize(std::size_t* size) {
+  qel::ZU_Shm segment;
+  segment.init(sizeof(ShmSize), m_shm_key[2]);
+  if (segment.size() < sizeof(ShmSize)) {
+    throw qel::ZU_Exception("the segment behind key " + std::to_string(m_shm_key[2]) + " has " +
+                            std::to_string(segment.size()) +
+                            " bytes and is no size record of this library; choose another "
+                            "shm_key_3 or remove it");
+  }
+  if (segment.iscreate()) return false;
+  ShmSize record;
+  std::memcpy(&record, segment.getPointer(), sizeof record);
+  if (!record.valid()) return false;
+  *size = record.m_size;
+  return true;
+}
+
+void TolvarAPI::WriteShareMemorySize(std::size_t size) {
+  qel::ZU_Shm segment;
+  segment.init(sizeof(ShmSize), m_shm_key[2]);
+  if (segment.size() < sizeof(ShmSize)) {
+    throw qel::ZU_Exception("the segment behind key " + std::to_string(m_shm_key[2]) +
+                            " is too small for the size record");
+  }
+  ShmSize record;
+  std::fill(std::begin(record.m_usable), std::end(record.m_usable), kApiVersion);
+  record.m_size = size;
+  std::memcpy(segment.getPointer(), &record, sizeof record);
+}
+
+void TolvarAPI::ReadMemoryHead(int shm_index, MemoryHead* head) {
+  std::memcpy(head, m_shm[shm_index].getPointer(), sizeof *head);
+  // What a ready segment holds must not be read before its head.
+  std::atomic_thread_fence(std::memory_order_acquire);
+}
+
+void TolvarAPI::WriteMemoryHead(int shm_index, const MemoryHead& head) {
+  // The content written before "ready" is in place before the word, and "pending" is in place
+  // before the content changes.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  std::memcpy(m_shm[shm_index].getPointer(), &head, sizeof head);
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
+  checkKeys(key1, key2, key3);
+  m_shm_key[0] = key1;
+  m_shm_key[1] = key2;
+  m_shm_key[2] = key3;
+
+  std::size_t total = 0;
+  const bool recorded = ReadShareMemorySize(&total);
+  if (!recorded || total < tolvar::segmentBytes(tolvar::defaultRegionSizes()) ||
+      total > kMaxSegmentBytes) {
+    total = tolvar::defaultSegmentBytes();
+    WriteShareMemorySize(total);
+    TOLVAR_LOG(kLogDebug, __LINE__, "GetShareMemorySize failed. use default shm_size.");
+  }
+  TOLVAR_LOG(kLogDebug, __LINE__, "total share memory size is " << (total >> 20) << "MB.");
+
+  int ready = -1;
+  tolvar::ImageRecords image;
+  for (int shm_index = 0; shm_index < 2; ++shm_index) {
+    attachSegment(shm_index, total);
+    bool connect_success = true;
+    if (!m_shm[shm_index].iscreate()) {
+      ReadMemoryHead(shm_index, &m_memory_head[shm_index]);
+      connect_success = connectRegions(shm_index);
+      if (connect_success && ready < 0 && m_memory_head[shm_index].ready()) {
+        connect_success = readImage(shm_index, &image);
+        if (connect_success) ready = shm_index;
+      }
+      if (!connect_success) {
+        m_memory_head[shm_index].ip_usable = kMemoryStatusUnknown;
+        m_memory_head[shm_index].code_usable = kMemoryStatusUnknown;
+        WriteMemoryHead(shm_index, m_memory_head[shm_index]);
+        TOLVAR_LOG(kLogError, __LINE__,
+                   "connect share memory failed, will recreate it. shm_index=" << shm_index);
+      } else {
+        TOLVAR_LOG(kLogDebug, __LINE__, "connect share memory success. shm_index=" << shm_index);
+      }
+    }
+    if (m_shm[shm_index].iscreate() || !connect_success)
+      layRegions(shm_index, total, connect_success);
+  }
+  m_internals->imagesInSync = true;
+
+  int ready_shm_index = 0;
+  if (ready >= 0) {
+    ready_shm_index = ready;
+    TOLVAR_LOG(kLogDebug, __LINE__,
+               "choose a ready share memory: " << ready
+                                               << "the param is:" << m_memory_head[ready].ip_usable
+                                               << "|" << m_memory_head[ready].code_usable);
+    useSegment(ready);
+    takeDigest(image.ranges);
+    takeOverImage(std::move(image));
+  } else {
+    TOLVAR_LOG(kLogDebug, __LINE__,
+               "all share memory is NOT usable, use first block: " << ready_shm_index);
+  }
+  TOLVAR_LOG(kLogDebug, __LINE__,
+             "choose share memory index done. ready_shm_index = " << ready_shm_index);
+  useSegment(ready_shm_index);
+}
+
+void TolvarAPI::attachSegment(int shm_index, std::size_t total) {
+  qel::ZU_Shm& shm = m_shm[shm_index];
+  const key_t key = m_shm_key[shm_index];
+  try {
+    shm.init(total, key);
+  } catch (const qel::ZU_Exception& error) {
+    if (total == tolvar::defaultSegmentBytes()) throw;
+    TOLVAR_LOG(kLogError, __LINE__,
+               "cannot create a segment of "
+                   << total << " bytes, trying the default size: " << error.what());
+    shm.init(tolvar::defaultSegmentBytes(), key);
+  }
+  if (shm.iscreate()) return;
+  if (shm.size() < kHeadBytes ||
+      (!tolvar::looksLikeDataSegment(shm.getPointer(), shm.size()) && shm.size() != total)) {
+    throw qel::ZU_Exception("the segment behind key " + std::to_string(key) + " (" +
+                            std::to_string(shm.size()) +
+                            " bytes) does not belong to this library; choose another key or remove "
+                            "the segment");
+  }
+}
+
+bool TolvarAPI::connectRegions(int shm_index) {
+  const qel::ZU_Shm& shm = m_shm[shm_index];
+  const tolvar::LayoutWalk walk = tolvar::walkLayout(shm.getPointer(), shm.size());
+  if (!walk.fits) {
+    TOLVAR_LOG(kLogError, __LINE__,
+               "share memory is damaged. shm_index=" << shm_index << ", " << walk.problem);
+    return false;
+  }
+  char* at = static_cast<char*>(shm.getPointer()) + kHeadBytes;
+  MemoryHolder& holder = m_holder[shm_index];
+  holder.ip_ptr.ReSet(at);
+  bool connect_success = m_ip_vector_impl[shm_index].connect(holder.ip_ptr.Data());
+  at += kSizeWordBytes + holder.ip_ptr.Size();
+  for (int k = 0; k < kCodeTables; ++k) {
+    holder.code_ptr[k].ReSet(at);
+    connect_success &= m_code_vector_impl[k][shm_index].connect(holder.code_ptr[k].Data());
+    at += kSizeWordBytes + holder.code_ptr[k].Size();
+  }
+  return connect_success;
+}
+
+bool TolvarAPI::readImage(int shm_index, tolvar::ImageRecords* image) {
+  try {
+    image->ranges = tolvar::decodeRanges(m_ip_vector_impl[shm_index]);
+    for (int k = 0; k < kCodeTables; ++k)
+      image->codes[k] = tolvar::decodeCodes(m_code_vector_impl[k][shm_index]);
+    return true;
+  } catch (const std::exception& error) {
+    TOLVAR_LOG(kLogError, __LINE__,
+               "share memory is damaged. shm_index=" << shm_index << ", " << error.what());
+    return false;
+  }
+}
+
+void TolvarAPI::layRegions(int shm_index, std::size_t total, bool connect_success) {
+  const tolvar::RegionSizes sizes = tolvar::defaultRegionSizes();
+  qel::ZU_Shm& shm = m_shm[shm_index];
+  if (shm.size() < tolvar::segmentBytes(sizes)) {
+    const MemoryHead head = m_memory_head[shm_index];
+    shm.del();
+    shm.init(total, m_shm_key[shm_index]);
+    WriteMemoryHead(shm_index, head);
+  }
+  ReadMemoryHead(shm_index, &m_memory_head[shm_index]);
+  char* const segment = static_cast<char*>(shm.getPointer());
+  std::size_t offset = kHeadBytes + kSizeWordBytes;
+  m_ip_vector_impl[shm_index].create(segment + offset, sizes[0]);
+  m_holder[shm_index].ip_ptr.ReSet(segment + offset, sizes[0]);
+  offset += sizes[0];
+  for (int k = 0; k < kCodeTables; ++k) {
+    offset += kSizeWordBytes;
+    char* const block = segment + offset;
+    const std::size_t size = sizes[k + 1];
+    TOLVAR_LOG(kLogInfo, __LINE__,
+               "create code shm, shm_index="
+                   << shm_index << ", code_index=" << k
+                   << ", shm_address=" << static_cast<const void*>(segment)
+                   << ", shm_total_size=" << total << ", shm_offset=" << offset
+                   << ", address=" << static_cast<const void*>(block) << ", size=" << size);
+    m_code_vector_impl[k][shm_index].create(block, size);
+    m_holder[shm_index].code_ptr[k].ReSet(block, size);
+    offset += size;
+  }
+  TOLVAR_LOG(kLogDebug, __LINE__,
+             "create share memory done. shm_index=" << shm_index << ", conncect_success="
+                                                    << (connect_success ? 1 : 0));
+}
+
+void TolvarAPI::useSegment(int shm_index) {
+  m_vectorIP = &m_ip_vector_impl[shm_index];
+  for (int k = 0; k < kCodeTables; ++k) m_code_vector[k] = &m_code_vector_impl[k][shm_index];
+}
+
+void TolvarAPI::takeOverImage(tolvar::ImageRecords image) {
+  ravel::vIPProperty ranges(image.ranges.size());
+  std::transform(image.ranges.begin(), image.ranges.end(), ranges.begin(), tolvar::toProperty);
+  if (!std::is_sorted(ranges.begin(), ranges.end())) std::sort(ranges.begin(), ranges.end());
+
+  std::lock_guard<qel::ZU_ThreadMutex> hold(m_has_initialized_mutex);
+  m_has_initialized = 3;
+  m_ip_query_vec = std::move(ranges);
+  for (int k = 0; k < kCodeTables; ++k) m_code_query_map[k] = tolvar::codeMapOf(image.codes[k]);
+  m_internals->publishAll(m_ip_query_vec, m_code_query_map);
+  m_has_initialized_cond.broadcast();
+}
