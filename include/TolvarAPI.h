@@ -38,11 +38,13 @@ class ClientTestAccess;
 struct TolvarStatus {
   bool ipReady = false;             ///< the IP table answers
   bool codesReady = false;          ///< the code tables answer
+  bool fromImage = false;           ///< the start found a complete image in shared memory
   std::string digest;               ///< of the IP table held, "0" before the first
   std::size_t ranges = 0;           ///< ranges that lookups search
   std::size_t codeEntries = 0;      ///< names in all eight code tables
   std::int64_t downloadMillis = 0;  ///< from arming the last full download to its last page
-  std::int64_t publishMillis = 0;   ///< writing the last download into shared memory
+  std::int64_t publishMillis = 0;   ///< writing the last download into both segments
+  std::uint64_t publications = 0;   ///< downloads written into both segments
   std::time_t lastCheck = 0;        ///< wall time of the last answered change check, 0 before it
   std::time_t lastPublished = 0;    ///< wall time at which this process last took over a table
   std::string lastError;            ///< text of the last failure of an update step, empty if none

@@ -48,6 +48,7 @@ void ClientInternals::publishCodes() {
 void ClientInternals::publishAll(const ravel::vIPProperty& ranges, const CodeMaps& maps) {
   tables.publish(LookupSnapshot::make(indexOf(ranges), std::make_shared<const CodeNames>(maps)));
   std::lock_guard<std::mutex> hold(statusMutex);
+  status.fromImage = true;
   status.ipReady = true;
   status.codesReady = true;
   status.ranges = ranges.size();

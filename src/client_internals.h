@@ -33,7 +33,7 @@ struct ClientInternals {
   /// Publishes what buildCodes made.
   void publishCodes();
 
-  /// Builds and publishes both.
+  /// Builds and publishes both, as found in shared memory at the start.
   void publishAll(const ravel::vIPProperty& ranges, const CodeMaps& maps);
 
   void noteDigest(const std::string& digest);

@@ -65,10 +65,7 @@ bool TolvarAPI::gatherPage(const ravel::downloadInfo& page, std::uint64_t maxInd
   const std::uint64_t sent = m_currDownloadPos;
   const bool afresh = page.isdownloadReset == 1;
   if (afresh) m_vIPProperty.clear();
-  if (page.IPContent.empty()) return true;
-  // A page that begins the table afresh belongs to a table of its own. The position that was sent
-  // counts in the table before it, and comparing the two would publish an empty table.
-  if (sent >= maxIndex && !(afresh && sent != 0)) return true;
+  if (page.IPContent.empty() || sent >= maxIndex) return true;
 
   // Whatever is asked for a position more than once is gathered once, the last answer.
   if (afresh || m_internals->pagePosition != sent) {
@@ -115,4 +112,5 @@ void TolvarAPI::finishDownload() {
   std::lock_guard<std::mutex> hold(m_internals->statusMutex);
   m_internals->status.downloadMillis = gathered - m_internals->downloadArmedSteady;
   m_internals->status.publishMillis = m_internals->clock.steadyMillis() - gathered;
+  ++m_internals->status.publications;
 }

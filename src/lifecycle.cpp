@@ -110,8 +110,10 @@ bool TolvarAPI::initialize(qel::Communicator* comm, std::string ip_servant,
     start();
     return awaitReadiness();
   } catch (const std::exception& error) {
+    noteError("initialize", error.what());
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception:" << error.what());
   } catch (...) {
+    noteError("initialize", "unknown failure");
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception.");
   }
   return false;
@@ -166,6 +168,7 @@ void TolvarAPI::loadClientConf() {
   try {
     installClientConf();
   } catch (const std::exception& error) {
+    noteError("configuration", error.what());
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception:" << error.what());
   } catch (...) {
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception.");

@@ -40,9 +40,9 @@ void RangeIndex::findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* in
   for (std::size_t begin = 0; begin < ips.size(); begin += kGroup) {
     const std::size_t count = std::min(kGroup, ips.size() - begin);
     findTuples(ips.subspan(begin, count), tuples.data());
-    for (std::size_t i = 0; i < count; ++i) prefetch(&_tuples[tuples[i]]);
+    for (std::size_t i = 0; i < count; ++i) prefetch(&info(tuples[i]));
     for (std::size_t i = 0; i < count; ++i) {
-      infos[begin + i] = _tuples[tuples[i]].info;
+      infos[begin + i] = info(tuples[i]);
       found[begin + i] = tuples[i] != 0;
     }
   }
@@ -50,7 +50,7 @@ void RangeIndex::findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* in
 
 std::size_t RangeIndex::memoryBytes() const noexcept {
   return sizeof *this + _words.capacity() * sizeof(std::uint32_t) +
-         _lines.capacity() * sizeof(Line) + _tuples.capacity() * sizeof(Tuple);
+         _lines.capacity() * sizeof(Line);
 }
 
 }  // namespace tolvar

@@ -4,11 +4,61 @@
 #include <bit>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace tolvar {
 namespace {
 
 constexpr std::uint64_t kAddresses = std::uint64_t{1} << 32;
+
+/// A leaf word of a block that is all one tuple, until the tuples get their lines.
+constexpr std::uint32_t uniformWord(std::uint32_t tuple) { return tuple << 5; }
+
+/// 8-byte units of a leaf of `keys` keys. A key count reads 16 bytes, so no leaf is smaller.
+constexpr std::size_t leafUnits(std::size_t keys) {
+  return std::max<std::size_t>(2, (2 * keys + 4 * (keys + 1) + 7) / 8);
+}
+
+constexpr std::size_t kKeyBytes = 2;
+constexpr std::size_t kTupleBytes = 3;
+
+/// 8-byte units of a leaf of `keys` keys. A key count reads 16 bytes, so no leaf is smaller.
+constexpr std::size_t leafUnits(std::size_t keys) {
+  return std::max<std::size_t>(2, (kKeyBytes * keys + kTupleBytes * (keys + 1) + 7) / 8);
+}
+
+/// How many address bits a sub-directory over 2^bits addresses had best resolve for the sorted break
+/// points `keyAt(0)` to `keyAt(count - 1)`, counted from its start: the number with the lowest price,
+/// which is its words' bytes and, for each part that has more break points than a leaf takes, the
+/// bytes of one more directory and a charge on each lookup there, for the unforeseen jump and the
+/// memory access more.
+template <class KeyAt>
+std::uint32_t directoryBits(std::size_t count, std::uint32_t bits, std::size_t leafKeys,
+                            KeyAt keyAt) noexcept {
+  constexpr std::size_t kDirectoryPrice = 32;
+  constexpr std::size_t kJumpPrice = 16;
+  std::uint32_t best = 1;
+  std::size_t bestPrice = SIZE_MAX;
+  const auto fewest = static_cast<std::uint32_t>(std::bit_width(count / leafKeys));
+  for (std::uint32_t own = std::max(1u, fewest); own <= bits; ++own) {
+    const std::uint32_t shift = bits - own;
+    const std::size_t words = sizeof(std::uint32_t) << own;
+    if (words >= bestPrice) break;
+    std::size_t crowded = 0;
+    for (std::size_t begin = 0, end; begin < count; begin = end) {
+      const std::uint32_t part = keyAt(begin) >> shift;
+      for (end = begin + 1; end < count && keyAt(end) >> shift == part; ++end) {
+      }
+      if (end - begin > leafKeys) crowded += kDirectoryPrice + kJumpPrice * (end - begin);
+    }
+    if (words + crowded < bestPrice) {
+      best = own;
+      bestPrice = words + crowded;
+    }
+    if (crowded == 0) break;
+  }
+  return best;
+}
 
 }  // namespace
 
@@ -22,8 +72,8 @@ RangeIndexBuilder::RangeIndexBuilder(std::size_t expectedRanges) {
   _index._words.reserve(RangeIndex::kDirectoryWords + expectedRanges / 4);
   _index._words.assign(RangeIndex::kDirectoryWords, 0);
   _index._lines.reserve(expectedRanges / 8 + 1);
-  _index._lines.emplace_back();  // what immediate words read
-  _index._tuples.emplace_back();
+  _index._lines.emplace_back();  // number 0 ends the chains of open lines
+  _tuples.emplace_back();
 }
 
 void RangeIndexBuilder::add(const ravel::IPProperty& range) {
@@ -39,9 +89,8 @@ void RangeIndexBuilder::add(const ravel::IPProperty& range) {
 RangeIndex RangeIndexBuilder::finish() {
   if (_uncovered < kAddresses) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
   closeBucketsBefore(RangeIndex::kDirectoryWords);
+  appendTuples();
   _index._words.shrink_to_fit();
-  _index._lines.shrink_to_fit();
-  _index._tuples.shrink_to_fit();
   return std::move(_index);
 }
 
@@ -49,10 +98,10 @@ std::uint32_t RangeIndexBuilder::tupleOf(const ravel::IPProperty& range) {
   bool isNew;
   const std::uint32_t number = _pool.number(range, &isNew);
   if (isNew) {
-    if (number > RangeIndex::kNumberMask) {
+    if (number >= RangeIndex::kTupleLimit) {
       throw std::length_error("the IP table has too many distinct attribute tuples to index");
     }
-    _index._tuples.push_back({TuplePool::unpack(range)});
+    _tuples.push_back(TuplePool::unpack(range));
   }
   return number;
 }
@@ -71,81 +120,87 @@ void RangeIndexBuilder::setFrom(std::uint32_t address, std::uint32_t tuple) {
 
 void RangeIndexBuilder::closeBucketsBefore(std::uint32_t bucket) {
   if (_bucket == bucket) return;
-  const std::uint32_t word = makeNode(_first, {_breaks.data(), _breaks.size()}, 0, 16);
+  const std::uint32_t word = makeBucket(_first, _breaks);
   _index._words[_bucket] = word;
-  const auto words = _index._words.begin();
-  std::fill(words + _bucket + 1, words + bucket, _current << 4);
+  if (bucket - _bucket > 1) {
+    const std::uint32_t uniform = makeBucket(_current, {});
+    const auto words = _index._words.begin();
+    std::fill(words + _bucket + 1, words + bucket, uniform);
+  }
   _bucket = bucket;
   _first = _current;
   _breaks.clear();
 }
 
-/// Word for the 2^bits addresses from `start` on (low 16 address bits), where `first` holds at
-/// `start` and `breaks` lie strictly inside.
-std::uint32_t RangeIndexBuilder::makeNode(std::uint32_t first, Breaks breaks, std::uint32_t start,
-                                          std::uint32_t bits) {
-  if (breaks.count == 0) return first << 4;
-  if (breaks.count <= RangeIndex::kLeafKeys) return makeLeaf(first, breaks);
-  return makeDirectory(first, breaks, start, bits);
-}
-
-/// How many address bits a sub-directory resolves: as many as give every sub-bucket a leaf, but no
-/// more words than break points. What is still crowded then gets a sub-directory of its own.
-std::uint32_t RangeIndexBuilder::directoryBits(Breaks breaks, std::uint32_t bits) noexcept {
-  std::uint32_t needed = 1;
-  for (std::size_t i = 0; i + RangeIndex::kLeafKeys < breaks.count; ++i) {
-    const auto differing =
-        static_cast<std::uint32_t>(breaks.data[i].key ^ breaks.data[i + RangeIndex::kLeafKeys].key);
-    const auto common = bits - static_cast<std::uint32_t>(std::bit_width(differing));
-    needed = std::max(needed, common + 1);
+/// Directory word of a bucket that begins with `tuple`.
+std::uint32_t RangeIndexBuilder::makeBucket(std::uint32_t tuple, Breaks breaks) {
+  const Block block{0, 16, tuple};
+  Directory directory{0, 16};
+  if (breaks.size() <= RangeIndex::kLeafKeys) {
+    directory.base = addSecondWord(makeNode(block, breaks));
+  } else {
+    directory = makeDirectory(block, breaks);
   }
-  const auto affordable = static_cast<std::uint32_t>(std::bit_width(breaks.count)) - 1;
-  return std::min(needed, affordable);
+  return directory.base << 5 | directory.shift;
 }
 
-std::uint32_t RangeIndexBuilder::makeDirectory(std::uint32_t first, Breaks breaks,
-                                               std::uint32_t start, std::uint32_t bits) {
-  const std::uint32_t ownBits = directoryBits(breaks, bits);
-  const std::uint32_t shift = bits - ownBits;
+/// Number of a second word of the given value; the last one added may serve once more.
+std::uint32_t RangeIndexBuilder::addSecondWord(std::uint32_t word) {
+  std::vector<std::uint32_t>& words = _index._words;
+  if (words.size() == RangeIndex::kDirectoryWords || words.back() != word) words.push_back(word);
+  return static_cast<std::uint32_t>(words.size() - 1);
+}
+
+/// Second word of `block`, which has `breaks` strictly inside.
+std::uint32_t RangeIndexBuilder::makeNode(const Block& block, Breaks breaks) {
+  if (breaks.empty()) return uniformWord(block.tuple);
+  if (breaks.size() <= RangeIndex::kLeafKeys) return makeLeaf(block.tuple, breaks);
+  const Directory directory = makeDirectory(block, breaks);
+  // Lookups shift the low address bits as a whole, so the base takes the block's start back.
+  const std::uint32_t base =
+      (directory.base - (block.start >> directory.shift)) & RangeIndex::kNumberMask;
+  return base << 5 | directory.shift << 1 | 1u;
+}
+
+RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block, Breaks breaks) {
+  const std::uint32_t ownBits = directoryBits(
+      breaks.size(), block.bits, RangeIndex::kLeafKeys,
+      [&](std::size_t i) { return static_cast<std::uint32_t>(breaks[i].key) - block.start; });
+  const std::uint32_t shift = block.bits - ownBits;
   const std::size_t base = _index._words.size();
   const std::size_t words = std::size_t{1} << ownBits;
   if (base + words > RangeIndex::kNumberMask) {
     throw std::length_error("the IP table has too many crowded address blocks to index");
   }
   _index._words.resize(base + words);
+  Block part{block.start, shift, block.tuple};
   std::size_t at = 0;
-  for (std::size_t i = 0; i < words; ++i) {
-    const auto subStart = start + (static_cast<std::uint32_t>(i) << shift);
-    if (at < breaks.count && breaks.data[at].key == subStart) first = breaks.data[at++].tuple;
+  for (std::size_t i = 0; i < words; ++i, part.start += 1u << shift) {
+    if (at < breaks.size() && breaks[at].key == part.start) part.tuple = breaks[at++].tuple;
     std::size_t end = at;
-    while (end < breaks.count && (breaks.data[end].key - start) >> shift == i) ++end;
-    const std::uint32_t word = makeNode(first, {breaks.data + at, end - at}, subStart, shift);
+    while (end < breaks.size() && (breaks[end].key - block.start) >> shift == i) ++end;
+    const std::uint32_t word = makeNode(part, breaks.subspan(at, end - at));
     _index._words[base + i] = word;
-    if (end > at) first = breaks.data[end - 1].tuple;
+    if (end > at) part.tuple = breaks[end - 1].tuple;
     at = end;
   }
-  // The low address bits are shifted as a whole, so the base takes the bucket's own start back.
-  const std::uint32_t biased =
-      (static_cast<std::uint32_t>(base) - (start >> shift)) & RangeIndex::kNumberMask;
-  return 1u << 31 | shift << 27 | biased;
+  return {static_cast<std::uint32_t>(base), shift};
 }
 
 std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
-  const std::size_t bytes = 2 * breaks.count + 4 * (breaks.count + 1);
-  const std::size_t units =
-      std::max(kMinLeafUnits, (bytes + RangeIndex::kUnitBytes - 1) / RangeIndex::kUnitBytes);
-  const std::size_t unit = placeLeaf(units);
+  const std::size_t unit = placeLeaf(leafUnits(breaks.size()));
   unsigned char* out = _index._lines.data()->bytes + unit * RangeIndex::kUnitBytes;
-  for (std::size_t i = 0; i < breaks.count; ++i) {
-    std::memcpy(out, &breaks.data[i].key, 2);
-    out += 2;
+  for (const Break& point : breaks) {
+    const std::int16_t key = RangeIndex::keyOf(point.key);
+    std::memcpy(out, &key, kKeyBytes);
+    out += kKeyBytes;
   }
-  std::memcpy(out, &first, 4);
-  for (std::size_t i = 0; i < breaks.count; ++i) {
-    out += 4;
-    std::memcpy(out, &breaks.data[i].tuple, 4);
+  std::memcpy(out, &first, kTupleBytes);
+  for (const Break& point : breaks) {
+    out += kTupleBytes;
+    std::memcpy(out, &point.tuple, kTupleBytes);
   }
-  return static_cast<std::uint32_t>(unit) << 4 | static_cast<std::uint32_t>(breaks.count);
+  return static_cast<std::uint32_t>(unit << 5 | 2 * breaks.size());
 }
 
 /// Finds room for a leaf of `units` 8-byte units inside one line; answers its unit number.
@@ -165,7 +220,7 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
     _index._lines.emplace_back();
   }
   const std::size_t left = room - units;
-  if (left >= kMinLeafUnits) {
+  if (left >= leafUnits(1)) {
     std::memcpy(linkOf(line), &_open[left], sizeof line);
     _open[left] = line;
   }
@@ -175,6 +230,32 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
 /// Where a line with room left, whose end is therefore free, says which the next such line is.
 unsigned char* RangeIndexBuilder::linkOf(std::uint32_t line) noexcept {
   return _index._lines[line].bytes + RangeIndex::kLineBytes - sizeof line;
+}
+
+/// Puts the tuples behind the leaves, and turns the words of uniform blocks into places there.
+void RangeIndexBuilder::appendTuples() {
+  std::vector<Line>& lines = _index._lines;
+  const std::size_t leafLines = lines.size();
+  if ((leafLines + _tuples.size()) * kLineUnits > RangeIndex::kNumberMask) {
+    throw std::length_error("the IP table has too many ranges and attribute tuples to index");
+  }
+  std::vector<Line> all;
+  all.reserve(leafLines + _tuples.size());
+  all.assign(lines.begin(), lines.end());
+  std::vector<Line>().swap(lines);
+  for (const ravel::IPInfo& info : _tuples) {
+    const auto number = static_cast<std::uint32_t>(all.size() - leafLines);
+    all.emplace_back().tuple = {info, number};
+  }
+  lines = std::move(all);
+  _index._leafLines = leafLines;
+
+  constexpr std::size_t kLeafUnit = offsetof(Line, tuple.number) / RangeIndex::kUnitBytes;
+  const auto second = _index._words.begin() + RangeIndex::kDirectoryWords;
+  std::for_each(second, _index._words.end(), [&](std::uint32_t& word) {
+    if ((word & 31u) != 0) return;
+    word = static_cast<std::uint32_t>((leafLines + (word >> 5)) * kLineUnits + kLeafUnit) << 5;
+  });
 }
 
 }  // namespace tolvar

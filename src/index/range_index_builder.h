@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "src/index/range_index.h"
@@ -23,40 +24,51 @@ class RangeIndexBuilder {
   RangeIndex finish();
 
  private:
+  using Line = RangeIndex::Line;
+
   /// An address's low 16 bits and the tuple that holds from there on.
   struct Break {
     std::uint16_t key;
     std::uint32_t tuple;
   };
-  struct Breaks {
-    const Break* data;
-    std::size_t count;
+  using Breaks = std::span<const Break>;
+
+  /// 2^bits addresses from `start` (low 16 address bits) on, of which the first is `tuple`.
+  struct Block {
+    std::uint32_t start;
+    std::uint32_t bits;
+    std::uint32_t tuple;
+  };
+
+  /// Where the words of a sub-directory begin, and by how much addresses are shifted to choose one.
+  struct Directory {
+    std::uint32_t base;
+    std::uint32_t shift;
   };
 
   std::uint32_t tupleOf(const ravel::IPProperty& range);
   void setFrom(std::uint32_t address, std::uint32_t tuple);
   void closeBucketsBefore(std::uint32_t bucket);
+  std::uint32_t addSecondWord(std::uint32_t word);
 
-  std::uint32_t makeNode(std::uint32_t first, Breaks breaks, std::uint32_t start,
-                         std::uint32_t bits);
-  std::uint32_t makeDirectory(std::uint32_t first, Breaks breaks, std::uint32_t start,
-                              std::uint32_t bits);
+  std::uint32_t makeBucket(std::uint32_t tuple, Breaks breaks);
+  std::uint32_t makeNode(const Block& block, Breaks breaks);
+  Directory makeDirectory(const Block& block, Breaks breaks);
   std::uint32_t makeLeaf(std::uint32_t first, Breaks breaks);
-  static std::uint32_t directoryBits(Breaks breaks, std::uint32_t bits) noexcept;
   std::size_t placeLeaf(std::size_t units);
   unsigned char* linkOf(std::uint32_t line) noexcept;
+  void appendTuples();
 
   static constexpr std::size_t kLineUnits = RangeIndex::kLineBytes / RangeIndex::kUnitBytes;
-  /// A key count reads 16 bytes, so nothing smaller may end a line.
-  static constexpr std::size_t kMinLeafUnits = 2;
 
-  RangeIndex _index;
+  RangeIndex _index;                   ///< its lines are those with leaves until the end
+  std::vector<ravel::IPInfo> _tuples;  ///< by number
   TuplePool _pool;
-  std::uint64_t _uncovered = 0;      ///< first address that no range so far reaches
-  std::uint32_t _current = 0;        ///< tuple that holds from the last break point on
-  std::uint32_t _bucket = 0;         ///< bucket that break points are gathered for
-  std::uint32_t _first = 0;          ///< tuple at the first address of that bucket
-  std::vector<Break> _breaks;        ///< break points inside that bucket
+  std::uint64_t _uncovered = 0;  ///< first address that no range so far reaches
+  std::uint32_t _current = 0;    ///< tuple that holds from the last break point on
+  std::uint32_t _bucket = 0;     ///< bucket that break points are gathered for
+  std::uint32_t _first = 0;      ///< tuple at the first address of that bucket
+  std::vector<Break> _breaks;    ///< break points inside that bucket
   /// By free 8-byte units: first of a chain of lines with that much room at their end; 0: none.
   std::array<std::uint32_t, kLineUnits> _open{};
 };
