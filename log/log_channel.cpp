@@ -33,8 +33,8 @@ void LogChannel::submit(int level, std::string text) {
   const Queue::Pushed pushed = _queue.push({level, std::move(text)}, bytes);
   std::shared_ptr<LogSignal> signal;
   {
-    // Read after the push: whoever detaches drains afterwards, so either that drain finds the line or
-    // this thread finds no signal.
+    // Read after the push: whoever detaches drains afterwards, so either that drain finds the line
+    // or this thread finds no signal.
     Hold hold(_signalMutex);
     signal = _signal;
   }
@@ -64,7 +64,7 @@ bool LogChannel::drainLocked() {
   const std::uint64_t dropped = _queue.takeAll(&_pending);
   if (dropped != 0) {
     _pending.emplace_back(kLogWarn, _header(kLogWarn) + "log queue full, " +
-                                             std::to_string(dropped) + " lines dropped here\n");
+                                        std::to_string(dropped) + " lines dropped here\n");
   }
   return _pending.empty() || rollPending(*roller);
 }
@@ -82,8 +82,7 @@ bool LogChannel::tryRoll(LogRoller& roller, std::string* failure) {
     roller.roll(_pending);
     return true;
   } catch (const ZU_Exception& e) {
-    *failure =
-        std::string(e.what()) + " (" + std::generic_category().message(e.getErrCode()) + ")";
+    *failure = std::string(e.what()) + " (" + std::generic_category().message(e.getErrCode()) + ")";
   } catch (const std::exception& e) {
     *failure = e.what();
   }

@@ -24,13 +24,13 @@ class LogSignal {
   virtual void notify() = 0;
 };
 
-/// The way of one logger's lines from its callers to its roller: a bounded queue, and the batch that
-/// is being written. Shared by the logger, its thread group and the lines being composed, so that
-/// they may be destroyed in any order. All operations may be called from any thread.
+/// The way of one logger's lines from its callers to its roller: a bounded queue, and the batch
+/// that is being written. Shared by the logger, its thread group and the lines being composed, so
+/// that they may be destroyed in any order. All operations may be called from any thread.
 ///
 /// In a child that was forked while this object existed, lines go straight to the file and nothing
-/// else happens: what was queued at that moment belongs to the parent, and any lock may be held by a
-/// thread that the child does not have.
+/// else happens: what was queued at that moment belongs to the parent, and any lock may be held by
+/// a thread that the child does not have.
 class LogChannel {
  public:
   /// Lines and bytes of text that may wait; beyond either the newest lines are dropped, and a line

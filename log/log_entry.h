@@ -37,9 +37,9 @@ class LogRoller {
  public:
   virtual ~LogRoller() = default;
 
-  /// Writes the lines of `batch` in order and removes each from it once it is written whole, so that
-  /// after an exception exactly the unwritten lines are left and the call can be repeated. Throws
-  /// LoggerException. May be called from any thread.
+  /// Writes the lines of `batch` in order and removes each from it once it is written whole, so
+  /// that after an exception exactly the unwritten lines are left and the call can be repeated.
+  /// Throws LoggerException. May be called from any thread.
   virtual void roll(LogBatch& batch) = 0;
 
   /// Appends `text` at once, taking no lock: for a forked child, in which a lock may be held by a

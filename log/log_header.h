@@ -7,8 +7,8 @@
 
 namespace qel {
 
-/// Levels of log lines. A logger writes the lines whose level is at most its own, so a logger set to
-/// kLogDebug suppresses the lines of kLogInfo.
+/// Levels of log lines. A logger writes the lines whose level is at most its own, so a logger set
+/// to kLogDebug suppresses the lines of kLogInfo.
 inline constexpr int kLogAny = 0;
 inline constexpr int kLogNone = 1;
 inline constexpr int kLogError = 2;
@@ -20,10 +20,11 @@ inline constexpr int kLogInfo = 5;
 const char* logLevelName(int level) noexcept;
 
 /// What a line's header consists of: a mask of these bits.
-inline constexpr int kHeaderTime = 1;        ///< local time to the second
-inline constexpr int kHeaderThread = 2;      ///< kernel thread id
-inline constexpr int kHeaderLevel = 4;       ///< name of the level
-inline constexpr int kHeaderTimeMillis = 8;  ///< local time to the millisecond, instead of kHeaderTime
+inline constexpr int kHeaderTime = 1;    ///< local time to the second
+inline constexpr int kHeaderThread = 2;  ///< kernel thread id
+inline constexpr int kHeaderLevel = 4;   ///< name of the level
+inline constexpr int kHeaderTimeMillis =
+    8;  ///< local time to the millisecond, instead of kHeaderTime
 
 struct LogHeaderStyle {
   int flags = kHeaderTime;

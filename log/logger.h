@@ -16,10 +16,10 @@
 
 namespace qel {
 
-/// One log line being composed. Takes whatever a std::ostream takes, manipulators included. The line
-/// is handed on, whole, when the object is destroyed, which for `logger.info() << text << std::endl;`
-/// is the end of the statement; a missing line end is added. Every line has a buffer of its own, so
-/// composing one line may log another. Used by one thread.
+/// One log line being composed. Takes whatever a std::ostream takes, manipulators included. The
+/// line is handed on, whole, when the object is destroyed, which for `logger.info() << text <<
+/// std::endl;` is the end of the statement; a missing line end is added. Every line has a buffer of
+/// its own, so composing one line may log another. Used by one thread.
 class LoggerStream {
  public:
   /// Discards everything.
@@ -54,8 +54,8 @@ class LoggerStream {
 };
 
 /// What every logger is, whatever it writes to: level, header, and the way to the writer threads.
-/// Set-up (setSeparator, setClock) happens before the first line; everything else may be called from
-/// any thread at any time.
+/// Set-up (setSeparator, setClock) happens before the first line; everything else may be called
+/// from any thread at any time.
 class LoggerCore {
  public:
   LoggerCore(const LoggerCore&) = delete;
@@ -109,13 +109,15 @@ class LoggerCore {
 
 /// A logger that writes entries as `WriteT` says to what `RollPolicy` keeps.
 ///
-/// May be destroyed before or after its thread group; either way everything logged before is written.
+/// May be destroyed before or after its thread group; either way everything logged before is
+/// written.
 template <class WriteT, class RollPolicy>
 class ZU_Logger : public RollPolicy::RollWrapperI, public LoggerCore {
  public:
   // LoggerCore is the later base and so is destroyed first: it lets go of the roller while that is
   // still whole.
-  ZU_Logger() : RollPolicy::RollWrapperI(&WriteT::write), LoggerCore(static_cast<LogRoller&>(*this)) {}
+  ZU_Logger()
+      : RollPolicy::RollWrapperI(&WriteT::write), LoggerCore(static_cast<LogRoller&>(*this)) {}
 
   /// Clock for header times and rolling. Called before the first line; `clock` outlives the logger.
   void setClock(Clock& clock) {

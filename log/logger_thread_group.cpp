@@ -79,7 +79,8 @@ class ZU_LoggerThreadGroup::Writer final : public ZU_Thread {
   const std::shared_ptr<Shared> _shared;
 };
 
-ZU_LoggerThreadGroup::ZU_LoggerThreadGroup(Clock& clock) : _shared(std::make_shared<Shared>(clock)) {}
+ZU_LoggerThreadGroup::ZU_LoggerThreadGroup(Clock& clock)
+    : _shared(std::make_shared<Shared>(clock)) {}
 
 ZU_LoggerThreadGroup::~ZU_LoggerThreadGroup() {
   stop();

@@ -11,9 +11,10 @@ namespace qel {
 
 /// Threads that write the lines of the loggers added to the group.
 ///
-/// A writer sleeps until there are lines. A batch that cannot be written is kept and tried again once
-/// at once and then every kRetryMillis, for as long as it takes. `start`, `stop` and destruction are
-/// not called at the same time as each other; everything else may be called from any thread.
+/// A writer sleeps until there are lines. A batch that cannot be written is kept and tried again
+/// once at once and then every kRetryMillis, for as long as it takes. `start`, `stop` and
+/// destruction are not called at the same time as each other; everything else may be called from
+/// any thread.
 class ZU_LoggerThreadGroup {
  public:
   static constexpr int kRetryMillis = 1000;

@@ -13,15 +13,16 @@ namespace qel {
 
 /// A log file that is rolled by size.
 ///
-/// Lines go to base path + ".log". Older files carry the numbers 1 (youngest) to maxNum - 1 (oldest)
-/// between base path and ".log". At most about every six seconds, and only when there is something
-/// to write, the file is closed and opened again, which picks up one that was removed or moved from
-/// outside, and its size is examined; so it may exceed the limit by what is written in that time.
+/// Lines go to base path + ".log". Older files carry the numbers 1 (youngest) to maxNum - 1
+/// (oldest) between base path and ".log". At most about every six seconds, and only when there is
+/// something to write, the file is closed and opened again, which picks up one that was removed or
+/// moved from outside, and its size is examined; so it may exceed the limit by what is written in
+/// that time.
 ///
-/// Several processes, and several loggers of one process, may write and roll one path. Every batch is
-/// appended by one write call, so lines of two processes never mix. A file is renamed only by the one
-/// that holds a lock on it and finds it still behind its name; the others go on writing to the file
-/// they have open and follow at their next re-check.
+/// Several processes, and several loggers of one process, may write and roll one path. Every batch
+/// is appended by one write call, so lines of two processes never mix. A file is renamed only by
+/// the one that holds a lock on it and finds it still behind its name; the others go on writing to
+/// the file they have open and follow at their next re-check.
 class ZU_RollBySize {
  public:
   class RollWrapperI;
@@ -33,8 +34,8 @@ class ZU_RollBySize {
 
   /// Sets the base path (without ".log"; empty: standard output), the size in bytes from which on a
   /// file is rolled, and how many files are kept, the current one included (with 1 nothing is ever
-  /// rolled). May be called again to move on to another path. Throws LoggerException when a number is
-  /// below 1. May be called from any thread.
+  /// rolled). May be called again to move on to another path. Throws LoggerException when a number
+  /// is below 1. May be called from any thread.
   void init(const std::string& path, int maxSize, int maxNum);
 
   /// Clock for the re-checks. Called before the first `roll`; `clock` outlives this object.

@@ -34,8 +34,9 @@ class ZU_ThreadQueue {
     return _items.size() == 1 ? Pushed::kFirst : Pushed::kBehindOthers;
   }
 
-  /// Takes everything that is queued, oldest first, into `items`, whose old content is lost. Answers
-  /// how many items were refused since the last call; all of them came after the ones taken.
+  /// Takes everything that is queued, oldest first, into `items`, whose old content is lost.
+  /// Answers how many items were refused since the last call; all of them came after the ones
+  /// taken.
   std::uint64_t takeAll(std::deque<T>* items) {
     items->clear();
     std::lock_guard<ZU_ThreadMutex> hold(_mutex);

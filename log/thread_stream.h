@@ -7,10 +7,10 @@
 
 namespace qel {
 
-/// Looks like one string stream and is one per thread: what a thread streams into the object is seen
-/// by that thread only. Log lines are composed in one member that several threads use at once; with
-/// an ordinary stream they would write into one buffer, and a lock would have to be held while a line
-/// is composed, by code that may itself log. Here nothing is shared, so there is no lock.
+/// Looks like one string stream and is one per thread: what a thread streams into the object is
+/// seen by that thread only. Log lines are composed in one member that several threads use at once;
+/// with an ordinary stream they would write into one buffer, and a lock would have to be held while
+/// a line is composed, by code that may itself log. Here nothing is shared, so there is no lock.
 ///
 /// A line lasts from the first `<<` to `str("")`, on one thread; lines of different objects on one
 /// thread do not mix, even when composing one makes another one log. All operations may be called

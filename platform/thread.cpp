@@ -1,9 +1,8 @@
 #include "platform/thread.h"
 
-#include <cxxabi.h>
-
 #include <csignal>
 #include <ctime>
+#include <exception>
 #include <mutex>
 
 #include "platform/exception.h"
@@ -85,16 +84,17 @@ ZU_ThreadControl ZU_Thread::start() {
 
 void* ZU_Thread::entry(void* self) {
   auto* thread = static_cast<ZU_Thread*>(self);
+  struct End {
+    std::atomic<bool>& alive;
+    ~End() { alive.store(false, std::memory_order_release); }
+  } end{thread->_alive};
   try {
     thread->run();
-  } catch (const abi::__forced_unwind&) {
-    // Cancellation and pthread_exit unwind through here and must go on.
-    thread->_alive.store(false, std::memory_order_release);
-    throw;
   } catch (...) {
     // A body that wants its failures seen reports them itself; the host must not be torn down.
+    // What is no C++ exception is the unwinding of pthread_exit or a cancellation and must go on.
+    if (std::current_exception() == nullptr) throw;
   }
-  thread->_alive.store(false, std::memory_order_release);
   return nullptr;
 }
 

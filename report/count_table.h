@@ -24,8 +24,8 @@ class CountTable {
   /// Names in the table.
   std::size_t size() const noexcept { return _size; }
 
-  /// Takes all names out, keeping a moderate amount of memory. `use(type, name, count)` is called for
-  /// each and does not throw.
+  /// Takes all names out, keeping a moderate amount of memory. `use(type, name, count)` is called
+  /// for each and does not throw.
   template <class Use>
   void drain(Use use) {
     for (Slot& slot : _slots) {

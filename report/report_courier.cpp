@@ -33,6 +33,7 @@ void ReportCourier::start() {
     Lock lock(_mutex);
     _stopping = false;
     _finished = false;
+    _cancelled = false;
   }
   auto* self = new std::shared_ptr<ReportCourier>(shared_from_this());
   // The host's signal handlers belong to the host's threads.
@@ -51,15 +52,15 @@ void ReportCourier::start() {
 bool ReportCourier::stop(int millis) {
   if (!_started) return true;
   _started = false;
-  const std::int64_t deadline = qel::systemClock().steadyMillis() + millis;
+  const std::int64_t now = qel::systemClock().steadyMillis();
   Lock lock(_mutex);
+  const std::int64_t end = now + (_deliverAtEnd ? millis : kCancelMillis);
   _stopping = true;
   _wake.broadcast();
-  while (!_finished) {
-    // Outside a call the thread ends by itself in no time; only one inside a call is left alone.
-    const std::int64_t left = deadline - qel::systemClock().steadyMillis();
-    if (_calling && (!_deliverAtEnd || left <= 0)) break;
-    _changed.timedWait(_mutex, static_cast<int>(std::max<std::int64_t>(left, 1)));
+  awaitEnd(std::max(now, end - kCancelMillis));
+  if (!_finished) {
+    cancelCall(lock);
+    awaitEnd(end);
   }
   _leftAlone = !_finished;
   lock.unlock();
@@ -69,6 +70,24 @@ bool ReportCourier::stop(int millis) {
   }
   pthread_join(_thread, nullptr);
   return true;
+}
+
+/// Waits for the thread's end, or until `callsUntil` while it is inside a call: outside one it ends
+/// by itself in no time.
+void ReportCourier::awaitEnd(std::int64_t callsUntil) {
+  while (!_finished) {
+    const std::int64_t left = callsUntil - qel::systemClock().steadyMillis();
+    if (_calling && left <= 0) return;
+    _changed.timedWait(_mutex, static_cast<int>(std::max<std::int64_t>(left, 1)));
+  }
+}
+
+void ReportCourier::cancelCall(Lock& lock) {
+  _cancelled = true;
+  const ravel::TolvarPrx proxy = _proxy;
+  lock.unlock();
+  if (proxy != nullptr) proxy->cancelCalls();
+  lock.lock();
 }
 
 std::shared_ptr<ReportCourier> ReportCourier::successor() {
@@ -125,7 +144,7 @@ void ReportCourier::deliver(Lock& lock) {
 template <class Call>
 bool ReportCourier::callService(Lock& lock, Call call) {
   ravel::TolvarPrx proxy = _proxy;
-  if (proxy == nullptr) return false;
+  if (proxy == nullptr || _cancelled) return false;
   _calling = true;
   _changed.broadcast();
   lock.unlock();
@@ -184,8 +203,8 @@ void ReportCourier::deliverLines(Lock& lock) {
   while (!_lines.lines.empty() || _lines.dropped != 0) {
     std::vector<std::string> some = takeLines();
     const std::uint64_t dropped = std::exchange(_lines.dropped, 0);
-    const bool delivered = callService(
-        lock, [&](ravel::TolvarProxy& service) { service.reportLines(some, dropped); });
+    const bool delivered =
+        callService(lock, [&](ravel::TolvarProxy& service) { service.reportLines(some, dropped); });
     if (delivered || _leftAlone) _store->linesGone(some);
     if (_leftAlone) return;
     if (!delivered) {

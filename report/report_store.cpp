@@ -8,13 +8,11 @@
 namespace tolvar {
 
 void ReportStore::addHit(ravel::ReportType type, std::string_view name) noexcept {
-  const bool counted =
-      _counts.withOne([&](Counts& counts) { countHit(counts, type, name); });
+  const bool counted = _counts.withOne([&](Counts& counts) { countHit(counts, type, name); });
   if (!counted) _droppedHits.fetch_add(1, std::memory_order_relaxed);
 }
 
-void ReportStore::countHit(Counts& counts, ravel::ReportType type,
-                           std::string_view name) noexcept {
+void ReportStore::countHit(Counts& counts, ravel::ReportType type, std::string_view name) noexcept {
   if (counts.table.add(type, name, 1)) return;
   if (name.size() <= kMaxNameBytes && reserveName()) {
     try {
@@ -99,8 +97,8 @@ void ReportStore::addLine(std::string_view text, std::int64_t limit) noexcept {
 }
 
 void ReportStore::collectLines(PendingLines* pending) {
-  // A number below `end` was given out under a shard's lock before that shard is visited here, so the
-  // line is found now. Later ones may be found only in part and wait for the next collection;
+  // A number below `end` was given out under a shard's lock before that shard is visited here, so
+  // the line is found now. Later ones may be found only in part and wait for the next collection;
   // otherwise a thread whose lines went to two shards could see them overtake each other.
   const std::uint64_t end = _sequence.load();
   std::vector<Line>& found = _heldBack;

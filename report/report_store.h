@@ -31,8 +31,8 @@ struct PendingLines {
 
 /// What lookup threads report, until the courier collects it.
 ///
-/// `addHit` and `addLine` may be called from any thread at any time, never block and never throw. The
-/// other operations are called by one thread at a time, the courier's.
+/// `addHit` and `addLine` may be called from any thread at any time, never block and never throw.
+/// The other operations are called by one thread at a time, the courier's.
 class ReportStore {
  public:
   /// Bounds: distinct names that are gathered between two collections and, again, that wait for
@@ -48,8 +48,8 @@ class ReportStore {
   /// Moves what was counted since the last call into `pending`.
   void collectCounts(PendingCounts* pending);
 
-  /// Moves the lines queued before the call to the end of `pending`, in the order in which they were
-  /// queued. They count against the limits until `linesGone` is told that they left `pending`.
+  /// Moves the lines queued before the call to the end of `pending`, in the order in which they
+  /// were queued. They count against the limits until `linesGone` is told that they left `pending`.
   void collectLines(PendingLines* pending);
   void linesGone(const std::vector<std::string>& lines) noexcept;
 

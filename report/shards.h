@@ -17,8 +17,8 @@ inline std::size_t threadNumber() noexcept {
   return number;
 }
 
-/// Copies of a `Content`, spread so that threads which write do not meet: each has a lock on a cache
-/// line of its own, and a thread takes the one of its number, or the next free one.
+/// Copies of a `Content`, spread so that threads which write do not meet: each has a lock on a
+/// cache line of its own, and a thread takes the one of its number, or the next free one.
 ///
 /// Thread safety: all operations may be called from any thread. No wait is endless: a lock whose
 /// holder does not exist any more, as after a fork, costs one shard and nothing else.
@@ -45,7 +45,8 @@ class Shards {
     return false;
   }
 
-  /// Runs `use(content)` on every shard, one after the other. A shard that stays locked is left out.
+  /// Runs `use(content)` on every shard, one after the other. A shard that stays locked is left
+  /// out.
   template <class Use>
   void withEach(Use use) {
     for (Shard& shard : _shards) {
@@ -72,7 +73,7 @@ class Shards {
     }
 
     std::atomic<bool> taken{false};
-    Content content;
+    Content content{};
   };
 
   struct Release {

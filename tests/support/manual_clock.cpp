@@ -49,8 +49,11 @@ void ManualClock::advance(std::int64_t milliseconds) {
     Hold hold(_mutex);
     _steadyMillis += milliseconds;
     _wallMicros += milliseconds * 1000;
-    for (const Waiter& waiter : _waiters)
-      if (waiter.deadline <= _steadyMillis) due.push_back(waiter);
+    for (Waiter& waiter : _waiters) {
+      if (waiter.deadline > _steadyMillis) continue;
+      waiter.due = true;
+      due.push_back(waiter);
+    }
   }
   for (const Waiter& waiter : due) {
     Hold hold(*waiter.mutex);
@@ -65,12 +68,18 @@ void ManualClock::stepWall(std::int64_t milliseconds) {
 
 void ManualClock::awaitWaiters(std::size_t count) {
   Hold hold(_mutex);
-  while (_waiters.size() < count) _changed.wait(_mutex);
+  while (countWaiters() < count) _changed.wait(_mutex);
 }
 
 std::size_t ManualClock::waiters() const {
   Hold hold(_mutex);
-  return _waiters.size();
+  return countWaiters();
+}
+
+std::size_t ManualClock::countWaiters() const {
+  std::size_t count = 0;
+  for (const Waiter& waiter : _waiters) count += waiter.due ? 0 : 1;
+  return count;
 }
 
 }  // namespace tolvar_test

@@ -26,7 +26,8 @@ class ManualClock final : public qel::Clock {
   /// Sets the wall clock only, as an operator or a time server does.
   void stepWall(std::int64_t milliseconds);
 
-  /// Blocks (in real time) until `count` threads wait on this clock.
+  /// Blocks (in real time) until `count` threads wait on this clock. A wait whose deadline `advance`
+  /// has reached does not count, even when its thread has not woken up yet.
   void awaitWaiters(std::size_t count);
 
   std::size_t waiters() const;
@@ -36,7 +37,10 @@ class ManualClock final : public qel::Clock {
     qel::ZU_ThreadCond* cond;
     qel::ZU_ThreadMutex* mutex;
     std::int64_t deadline;
+    bool due = false;
   };
+
+  std::size_t countWaiters() const;
 
   const bool _autoAdvance;
   mutable qel::ZU_ThreadMutex _mutex;
