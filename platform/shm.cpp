@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <string>
+#include <utility>
 
 #include "platform/exception.h"
 #include "platform/system_calls.h"
@@ -74,13 +75,29 @@ void ZU_Shm::map(int id, key_t key, int flags) {
   _size = description.shm_segsz;
 }
 
-void ZU_Shm::del() {
-  if (_id < 0) return;
-  const bool removed = systemCalls().shmctl(_id, IPC_RMID, nullptr) == 0;
+void ZU_Shm::remove() {
+  if (_id < 0 || systemCalls().shmctl(_id, IPC_RMID, nullptr) == 0) return;
   const int error = errno;
-  detach();
-  if (!removed && error != EIDRM && error != EINVAL)
+  if (error != EIDRM && error != EINVAL)
     throw ZU_Exception("[ZU_Shm::del]: shmctl failed", error);
+}
+
+void ZU_Shm::del() {
+  try {
+    remove();
+  } catch (const ZU_Exception&) {
+    detach();
+    throw;
+  }
+  detach();
+}
+
+void ZU_Shm::swap(ZU_Shm& other) noexcept {
+  std::swap(_owner, other._owner);
+  std::swap(_created, other._created);
+  std::swap(_id, other._id);
+  std::swap(_address, other._address);
+  std::swap(_size, other._size);
 }
 
 void ZU_Shm::detach() noexcept {

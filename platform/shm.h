@@ -43,8 +43,15 @@ class ZU_Shm {
   /// failure).
   void del();
 
+  /// Frees the key for a successor but stays attached: the content is readable and writable here
+  /// until `detach` or destruction. Throws like `del`, and then changes nothing.
+  void remove();
+
   /// Detaches without removing.
   void detach() noexcept;
+
+  /// Exchanges what two objects are attached to.
+  void swap(ZU_Shm& other) noexcept;
 
  private:
   void map(int id, key_t key, int flags);

@@ -17,21 +17,28 @@ std::uint64_t mix(std::uint64_t state, std::uint64_t word) noexcept {
   return state ^ (state >> 29);
 }
 
-/// Hash of type and name, eight bytes at a step; never 0.
+template <class Word>
+std::uint64_t load(const char* at) noexcept {
+  Word word;
+  std::memcpy(&word, at, sizeof word);
+  return word;
+}
+
+/// Up to eight bytes as one number. Two loads that may overlap cover every length without a loop;
+/// lengths are told apart by the hash itself.
+std::uint64_t loadShort(const char* at, std::size_t size) noexcept {
+  if (size >= 4) return load<std::uint32_t>(at) << 32 | load<std::uint32_t>(at + size - 4);
+  if (size >= 2) return load<std::uint16_t>(at) << 16 | load<std::uint16_t>(at + size - 2);
+  return size == 1 ? load<std::uint8_t>(at) : 0;
+}
+
+/// Hash of type and name; never 0.
 std::uint64_t hashOf(ravel::ReportType type, std::string_view name) noexcept {
-  std::uint64_t state = mix(static_cast<std::uint64_t>(type), name.size());
   const char* at = name.data();
   std::size_t left = name.size();
-  for (; left >= 8; at += 8, left -= 8) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, at, 8);
-    state = mix(state, word);
-  }
-  std::uint64_t rest = 0;
-  for (std::size_t i = 0; i < left; ++i)
-    rest |= static_cast<std::uint64_t>(static_cast<unsigned char>(at[i])) << (8 * i);
-  state = mix(state, rest);
-  return state | 1;
+  std::uint64_t state = mix(static_cast<std::uint64_t>(type), left);
+  for (; left > 8; at += 8, left -= 8) state = mix(state, load<std::uint64_t>(at));
+  return mix(state, loadShort(at, left)) | 1;
 }
 
 }  // namespace
