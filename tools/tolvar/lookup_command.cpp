@@ -9,6 +9,7 @@
 #include <iostream>
 #include <memory>
 #include <random>
+#include <sstream>
 
 #include "platform/exception.h"
 #include "platform/toolkit.h"
@@ -45,6 +46,25 @@ std::string addressIn(const std::string& line) {
   const auto begin = line.find_first_not_of(" \t\r");
   if (begin == std::string::npos || line[begin] == '#') return {};
   return line.substr(begin, line.find_last_not_of(" \t\r") - begin + 1);
+}
+
+/// The three numbers of "1,2,3", decimal or 0x and hexadecimal. Throws CLI::ValidationError.
+std::vector<std::int32_t> keysIn(const std::string& text) {
+  std::vector<std::int32_t> keys;
+  std::istringstream in(text);
+  std::string part;
+  while (std::getline(in, part, ',')) {
+    std::size_t used = 0;
+    try {
+      keys.push_back(std::stoi(part, &used, 0));
+    } catch (const std::logic_error&) {
+      used = 0;
+    }
+    if (used == 0 || used != part.size())
+      throw CLI::ValidationError("--keys", "\"" + part + "\" is not a shared-memory key");
+  }
+  if (keys.size() != 3) throw CLI::ValidationError("--keys", "expected three keys, such as 1,2,3");
+  return keys;
 }
 
 /// Nanoseconds that one numeric lookup takes on average, over random addresses of random ranges.
@@ -129,11 +149,10 @@ void LookupCommand::declare(CLI::App& app) {
                  "Country names and numbers, the JSON file of the package iso-codes "
                  "(default: /usr/share/iso-codes/json/iso_3166-1.json)")
       ->type_name("FILE");
-  app.add_option("--keys", keys,
-                 "Three System V shared-memory keys to keep the image under after the run "
-                 "(default: keys of this run's own, removed at its end)")
-      ->delimiter(',')
-      ->expected(3)
+  app.add_option_function<std::string>(
+         "--keys", [this](const std::string& text) { keys = keysIn(text); },
+         "Three System V shared-memory keys to keep the image under after the run "
+         "(default: keys of this run's own, removed at its end)")
       ->type_name("KEY,KEY,KEY");
   app.add_option("--log", logPath,
                  "Keep the client's log below this directory (default: removed at the end)")
