@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -21,6 +22,7 @@
 #include "log/thread_stream.h"
 #include "platform/clock.h"
 #include "platform/mmap.h"
+#include "platform/read_epochs.h"
 #include "platform/shm.h"
 #include "platform/thread.h"
 #include "records/records.h"
@@ -31,6 +33,7 @@ namespace tolvar {
 struct ClientInternals;
 class RetryBackoff;
 struct ImageRecords;
+struct LookupSnapshot;
 class ClientTestAccess;
 }  // namespace tolvar
 
@@ -50,6 +53,36 @@ struct TolvarStatus {
   std::string lastError;            ///< text of the last failure of an update step, empty if none
 };
 
+/// One version of all tables, held for as long as the object lives: many lookups then agree with
+/// each other, and names come without copies. Lives on the stack of one thread, for a short time: a
+/// table that is replaced stays in memory, and its replacement is not complete, until every reader
+/// of it is gone. The thread destroys its readers before it destroys the client. Counts no hits and
+/// samples nothing. No operation allocates, locks, waits or throws.
+class TolvarReader {
+ public:
+  TolvarReader(TolvarReader&&) noexcept = default;
+  TolvarReader& operator=(TolvarReader&&) = delete;
+
+  /// Ids of the range that holds `ip` (host order). False, and `*info` untouched, when none does.
+  bool getIPInfo(std::uint32_t ip, ravel::IPInfo* info) const noexcept;
+
+  /// Names of the range that holds `ip`. False, and `*names` untouched, when none does.
+  bool getIPInfo(std::uint32_t ip, IPNameView* names) const noexcept;
+
+  /// Looks `ips` (host order) up, with the memory accesses of many of them under way at once.
+  /// `infos` and `found` have room for as many: found[i] becomes 1 and infos[i] the ids, or 0 and
+  /// all zeros. Answers how many were found.
+  std::size_t getIPInfoBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
+                             std::uint8_t* found) const noexcept;
+
+ private:
+  friend class TolvarAPI;
+  explicit TolvarReader(const tolvar::ClientInternals& internals) noexcept;
+
+  tolvar::ReadSection _section;  // first, so that it covers the load of _tables
+  const tolvar::LookupSnapshot* _tables;
+};
+
 /// Answers where an IPv4 address lies, from a table that all processes of the host share and that a
 /// thread of this object keeps current.
 ///
@@ -60,8 +93,9 @@ struct TolvarStatus {
 /// comes after the last lookup has returned. No public operation lets an exception out.
 ///
 /// Destruction: the update thread is stopped and joined first; then the members go in reverse order
-/// of declaration, so the reporter delivers before the proxies are dropped, and the log, which all
-/// others write to, goes last.
+/// of declaration. The reporter holds the service's proxy by itself and delivers what is left
+/// within two seconds, so the communicator must still work; the log, which all others write to,
+/// goes last.
 class TolvarAPI : public qel::ZU_Thread,
                   public qel::ZU_Monitor<qel::ZU_ThreadMutex, qel::ZU_ThreadCond> {
  public:
@@ -96,7 +130,14 @@ class TolvarAPI : public qel::ZU_Thread,
   /// Names of the range that holds `ip`; counts the hit when the service asked for statistics.
   bool getIPInfo(std::uint32_t ip, IPHumanMessage* msg);
 
-  /// The same for a dotted quad. Text that is none is looked up as 0.0.0.0.
+  /// The tables as they are now, for several lookups or for names without copies.
+  TolvarReader read() const noexcept;
+
+  /// Many addresses against one version of the table; see TolvarReader::getIPInfoBatch.
+  std::size_t getIPInfoBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
+                             std::uint8_t* found) const noexcept;
+
+  /// As the two `getIPInfo`, for a dotted quad. Text that is none is looked up as 0.0.0.0.
   bool getIPInfoFromStr(const std::string& ip, ravel::IPInfo* info);
   bool getIPInfoFromStr(const std::string& ip, IPHumanMessage* msg);
 
@@ -173,7 +214,7 @@ class TolvarAPI : public qel::ZU_Thread,
   void takeOverImage(tolvar::ImageRecords image);
   void useSegment(int shm_index);
   void ResizeShareMemory(int shm_index, std::size_t size);
-  bool growSegment(int shm_index, std::size_t size);
+  void keepContent(int shm_index, qel::ZU_Shm& old);
   void ResizeIpBuffer(int shm_index, std::size_t count);
   void ResizeCodeBuffer(int shm_index, int code_index, std::size_t count);
   void CopyShareMemory(int from, int to);

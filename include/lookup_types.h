@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "records/records.h"
 
@@ -58,6 +59,20 @@ struct IPHumanMessage {
 
   /// One line: " country=", the value, " province=", and so on in field order; values unescaped.
   std::string ToString() const;
+};
+
+/// Answer of a named lookup without copies: an id without a name gives an empty view. The views are
+/// valid as long as the TolvarReader that gave them.
+struct IPNameView {
+  std::string_view country;
+  std::string_view province;
+  std::string_view city;
+  std::string_view district;
+  std::string_view extend;
+  std::string_view oper;
+  std::string_view nettype;
+  std::string_view apn;
+  std::string_view flable;
 };
 
 /// Order of a range and an address, for a search by the range's end.

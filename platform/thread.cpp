@@ -60,6 +60,10 @@ void ZU_ThreadControl::join() {
   _state->joined = true;
 }
 
+bool ZU_Thread::isAlive() const noexcept {
+  return _alive.load(std::memory_order_acquire) && _process == getpid();
+}
+
 ZU_ThreadControl ZU_Thread::start() {
   if (isAlive()) throw ZU_Exception("[ZU_Thread::start]: the thread is already running");
   _control.join();
@@ -71,6 +75,7 @@ ZU_ThreadControl ZU_Thread::start() {
   sigset_t all, previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
+  _process = getpid();
   _alive.store(true, std::memory_order_release);
   const int error = systemCalls().pthreadCreate(&control._state->thread, nullptr, &entry, this);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);

@@ -124,8 +124,9 @@ class ZU_Thread {
 
   ZU_ThreadControl getThreadControl() const { return _control; }
 
-  /// True from `start` until `run` has returned.
-  bool isAlive() const noexcept { return _alive.load(std::memory_order_acquire); }
+  /// True from `start` until `run` has returned; false in a forked child, where the thread does not
+  /// exist.
+  bool isAlive() const noexcept;
 
  protected:
   /// The thread's body. An exception that leaves it ends the thread, not the process.
@@ -136,6 +137,7 @@ class ZU_Thread {
 
   ZU_ThreadControl _control;
   std::atomic<bool> _alive{false};
+  pid_t _process = 0;
 };
 
 }  // namespace qel

@@ -34,9 +34,9 @@ class TolvarProxy {
   /// as long as the set of servers stays the same.
   virtual TolvarPrx selectServer(std::int64_t key) = 0;
 
-  /// Makes the calls under way through this proxy, and through those that it selected or that selected
-  /// it, fail with a ZU_Exception within 200 ms; later calls are not touched. A transport whose calls
-  /// never wait has nothing to do.
+  /// Makes the calls under way through this proxy, and through those that it selected or that
+  /// selected it, fail with a ZU_Exception within 200 ms; later calls are not touched. A transport
+  /// whose calls never wait has nothing to do.
   virtual void cancelCalls() {}
 
   virtual int getConf(ClientConf& conf, const CallContext& context = {},

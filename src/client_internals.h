@@ -18,7 +18,7 @@ namespace tolvar {
 struct ClientInternals {
   using CodeMaps = std::unordered_map<std::uint64_t, ravel::CodeInfo>[8];
 
-  explicit ClientInternals(qel::Clock& time) : clock(time) {}
+  explicit ClientInternals(qel::Clock& time) : clock(time), tables(LookupSnapshot::empty()) {}
 
   // What lookups read is made in two steps, by the one thread that publishes: building may run out
   // of memory and changes nothing, publishing cannot fail.
@@ -40,8 +40,11 @@ struct ClientInternals {
 
   qel::Clock& clock;
 
-  /// What lookups read. Published by the thread that publishes tables; read by any thread.
+  /// What lookups read, never null. Published by the thread that publishes tables; read by any thread.
   SnapshotHolder<LookupSnapshot> tables;
+
+  /// The update thread has left its loop; guarded by the client's monitor.
+  bool updateEnded = false;
 
   /// Serialises calls of `initialize`.
   std::mutex initializing;

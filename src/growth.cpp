@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <vector>
 
@@ -25,22 +26,20 @@ std::size_t bytesOf(const ProlatePointer& region) { return region.Size() + kSize
 }  // namespace
 
 void TolvarAPI::ResizeShareMemory(int shm_index, std::size_t size) {
-  if (growSegment(shm_index, size)) walkRegions(shm_index);
-}
-
-bool TolvarAPI::growSegment(int shm_index, std::size_t size) {
   require(shm_index == 0 || shm_index == 1, "(shm_index == 0) || (shm_index == 1)", kResizeFunction,
           __LINE__);
   qel::ZU_Shm& shm = m_shm[shm_index];
   const std::size_t origin = shm.size();
   require(origin > sizeof(MemoryHead), "origin_size > sizeof(MemoryHead)", kResizeFunction,
           __LINE__);
-  if (origin >= size) return false;
+  if (origin >= size) return;
   const std::size_t next = CalculateNextSize(size);
 
-  const auto* begin = static_cast<const char*>(shm.getPointer());
-  const std::vector<char> content(begin, begin + origin);
-  shm.del();
+  walkRegions(shm_index);
+  // Gone behind its key, but mapped here until a successor holds its content.
+  shm.remove();
+  qel::ZU_Shm old;
+  old.swap(shm);
   try {
     shm.init(next, m_shm_key[shm_index]);
     if (shm.size() < next) {
@@ -53,37 +52,45 @@ bool TolvarAPI::growSegment(int shm_index, std::size_t size) {
                "cannot grow share memory to " << next << " bytes, keeping " << origin
                                               << ". shm_index=" << shm_index << ", "
                                               << error.what());
-    shm.init(origin, m_shm_key[shm_index]);
-    std::memcpy(shm.getPointer(), content.data(), std::min(origin, shm.size()));
-    walkRegions(shm_index);
+    keepContent(shm_index, old);
     throw;
   }
-  std::memcpy(shm.getPointer(), content.data(), origin);
+  std::memcpy(shm.getPointer(), old.getPointer(), origin);
+  walkRegions(shm_index);
   WriteShareMemorySize(next);
-  return true;
+}
+
+/// Moves the content of `old` into a new segment of its size, or keeps it in this process alone.
+void TolvarAPI::keepContent(int shm_index, qel::ZU_Shm& old) {
+  qel::ZU_Shm& shm = m_shm[shm_index];
+  try {
+    shm.init(old.size(), m_shm_key[shm_index]);
+    if (shm.size() < old.size()) throw qel::ZU_Exception("another process made it smaller");
+  } catch (const qel::ZU_Exception& error) {
+    TOLVAR_LOG(kLogError, __LINE__,
+               "cannot make share memory anew, no other process sees it until it is grown or "
+               "initialized. shm_index="
+                   << shm_index << ", " << error.what());
+    shm.swap(old);
+    return;
+  }
+  std::memcpy(shm.getPointer(), old.getPointer(), old.size());
+  walkRegions(shm_index);
 }
 
 void TolvarAPI::walkRegions(int shm_index) {
-  MemoryHolder& holder = m_holder[shm_index];
   char* const segment = static_cast<char*>(m_shm[shm_index].getPointer());
-  std::size_t at = kHeadBytes;
-  const auto next = [&](ProlatePointer& region) {
-    if (at + kSizeWordBytes + sizeof(tagMemQueueHead) > m_shm[shm_index].size()) {
-      throw qel::ZU_Exception("the regions of data segment " + std::to_string(shm_index) +
-                              " do not fit into it");
-    }
-    region.ReSet(segment + at);
-    if (region.Size() < sizeof(tagMemQueueHead) ||
-        region.Size() > m_shm[shm_index].size() - at - kSizeWordBytes) {
-      throw qel::ZU_Exception("a region of data segment " + std::to_string(shm_index) +
-                              " has the impossible size " + std::to_string(region.Size()));
-    }
-    at += bytesOf(region);
-  };
-  next(holder.ip_ptr);
+  const tolvar::LayoutWalk walk = tolvar::walkLayout(segment, m_shm[shm_index].size());
+  if (!walk.fits) {
+    throw qel::ZU_Exception("data segment " + std::to_string(shm_index) +
+                            " is damaged: " + walk.problem);
+  }
+  const std::array<std::size_t, tolvar::kRegions> offsets = tolvar::regionOffsets(walk.sizes);
+  MemoryHolder& holder = m_holder[shm_index];
+  holder.ip_ptr.ReSet(segment + offsets[0]);
   m_ip_vector_impl[shm_index].reset(holder.ip_ptr.Data(), holder.ip_ptr.Size());
   for (int k = 0; k < kCodeTables; ++k) {
-    next(holder.code_ptr[k]);
+    holder.code_ptr[k].ReSet(segment + offsets[static_cast<std::size_t>(1 + k)]);
     m_code_vector_impl[k][shm_index].reset(holder.code_ptr[k].Data(), holder.code_ptr[k].Size());
   }
 }
@@ -164,7 +171,7 @@ void TolvarAPI::copyImage(int from, int to, const MemoryHead& announced) {
   m_memory_head[to].ip_usable = kMemoryStatusPending;
   m_memory_head[to].code_usable = kMemoryStatusPending;
   WriteMemoryHead(to, m_memory_head[to]);
-  if (m_shm[to].size() < m_shm[from].size()) growSegment(to, m_shm[from].size());
+  if (m_shm[to].size() < m_shm[from].size()) ResizeShareMemory(to, m_shm[from].size());
 
   std::size_t total = 0;
   const std::size_t offset = sizeof(MemoryHead);

@@ -9,7 +9,14 @@ template <class Record, class Node>
 std::vector<Record> decodeAll(const MemVector<Node>& nodes) {
   const std::size_t count = nodes.getMaxIndex();
   std::vector<Record> records(count);
-  for (std::size_t i = 0; i < count; ++i) nodes[i].ParseTo(&records[i]);
+  for (std::size_t i = 0; i < count; ++i) {
+    const Node& node = nodes[i];
+    if (node.encodedLength() > MemNode::kRoom) {
+      throw memVectorException("node " + std::to_string(i) + " claims an encoding of " +
+                               std::to_string(node.encodedLength()) + " bytes");
+    }
+    node.ParseTo(&records[i]);
+  }
   return records;
 }
 

@@ -12,6 +12,7 @@ constexpr std::size_t kPositionFileBytes = 9;
 constexpr int kReadySeconds = 30;
 constexpr int kReadyRoundMillis = 100;
 constexpr int kAllReady = 3;
+constexpr int kCancelRoundMillis = 20;
 
 void printLine(std::FILE* stream, const std::string& line) {
   const std::string text = line + "\n";
@@ -60,15 +61,25 @@ TolvarAPI::TolvarAPI(qel::Clock& clock)
 TolvarAPI::~TolvarAPI() { stopUpdateThread(); }
 
 void TolvarAPI::stopUpdateThread() {
-  {
-    Lock hold(*this);
-    terminate();
-    notifyAll();
+  Lock hold(*this);
+  terminate();
+  notifyAll();
+  // A call under way would keep the thread until its deadline, and the thread may begin one more
+  // before it looks at the flag, so calls are cancelled until it has ended.
+  while (isAlive() && !m_internals->updateEnded) {
+    if (_pTolvarPrx) _pTolvarPrx->cancelCalls();
+    if (_pFTolvarPrx) _pFTolvarPrx->cancelCalls();
+    timedWait(kCancelRoundMillis);
   }
+  unlock();
   getThreadControl().join();
+  lock();
 }
 
-void TolvarAPI::start() { qel::ZU_Thread::start(); }
+void TolvarAPI::start() {
+  m_internals->updateEnded = false;
+  qel::ZU_Thread::start();
+}
 
 void TolvarAPI::terminate() { m_terminated = true; }
 

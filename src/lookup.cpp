@@ -15,21 +15,14 @@ bool TolvarAPI::binarySearch(std::uint32_t ip, VALUE* value) {
 }
 
 bool TolvarAPI::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) {
-  const auto tables = m_internals->tables.read();
-  if (!tables) return false;
-  const std::uint32_t tuple = tables->ranges->findTuple(ip);
-  if (tuple == 0) return false;
-  *info = tables->ranges->info(tuple);
-  return true;
+  return read().getIPInfo(ip, info);
 }
 
 bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) {
   {
-    const auto tables = m_internals->tables.read();
-    if (!tables) return false;
-    const std::uint32_t tuple = tables->ranges->findTuple(ip);
-    if (tuple == 0) return false;
-    const tolvar::NameRow names = tables->names->row(tuple);
+    const TolvarReader reader = read();
+    IPNameView names;
+    if (!reader.getIPInfo(ip, &names)) return false;
     msg->m_country.assign(names.country);
     msg->m_province.assign(names.province);
     msg->m_city.assign(names.city);
@@ -68,7 +61,8 @@ bool TolvarAPI::simple() {
   std::int64_t key = static_cast<std::int64_t>(
       static_cast<std::uint64_t>(m_simple_key.fetch_add(1, std::memory_order_relaxed)) + 1u);
   if (key < 0) {
-    key = static_cast<std::int64_t>(0u - static_cast<std::uint64_t>(key));
+    // The smallest number has no negation; the count then begins anew.
+    key = key == INT64_MIN ? 0 : -key;
     m_simple_key.store(key, std::memory_order_relaxed);
   }
   return key % 10000 < m_client_conf.getQueryData()->conf.simplingRate;

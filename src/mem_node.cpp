@@ -38,7 +38,5 @@ void MemNode::InnerCopyFrom(const ravel::VekOutputStream<ravel::BufferWriter>& e
 }
 
 void MemNode::InnerParseTo(ravel::VekInputStream<ravel::BufferReader>* in) const {
-  std::uint64_t size = 0;
-  std::memcpy(&size, m_buffer, sizeof size);
-  in->setBuffer(m_buffer + sizeof size, std::min<std::size_t>(size, kRoom));
+  in->setBuffer(m_buffer + sizeof(std::uint64_t), std::min<std::size_t>(encodedLength(), kRoom));
 }

@@ -9,7 +9,7 @@ enum CodeTable { kCountry, kProvince, kCity, kDistrict, kExtend, kOper, kNettype
 
 void TolvarAPI::GetCodeInfoById(int type, std::uint64_t id, std::string* out) {
   const auto tables = m_internals->tables.read();
-  out->assign(tables ? tables->codes->find(type, id) : std::string_view());
+  out->assign(tables->codes->find(type, id));
 }
 
 std::string TolvarAPI::GetCodeInfoById(int type, std::uint64_t id) {

@@ -125,8 +125,11 @@ LayoutWalk walkLayout(const void* segment, std::size_t bytes) {
 }
 
 bool looksLikeDataSegment(const void* segment, std::size_t bytes) {
+  // Untouched so far. Ours are never made smaller, and a small one may have an owner who is about
+  // to fill it.
   const auto* start = static_cast<const char*>(segment);
-  if (std::all_of(start, start + std::min<std::size_t>(bytes, 64), [](char c) { return c == 0; }))
+  if (bytes >= segmentBytes(defaultRegionSizes()) &&
+      std::all_of(start, start + 64, [](char c) { return c == 0; }))
     return true;
   for (const std::size_t offset : regionOffsets(defaultRegionSizes()))
     if (hasMark(segment, bytes, offset)) return true;

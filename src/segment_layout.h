@@ -51,7 +51,8 @@ struct LayoutWalk {
 LayoutWalk walkLayout(const void* segment, std::size_t bytes);
 
 /// True when the block looks like a data segment of this library, laid or still zero, perhaps
-/// damaged: any one vector mark at its default place or on the walk, or an untouched start.
+/// damaged: any one vector mark at its default place or on the walk, or an untouched start in a
+/// segment that is large enough.
 bool looksLikeDataSegment(const void* segment, std::size_t bytes);
 
 }  // namespace tolvar

@@ -16,6 +16,10 @@ namespace {
 /// Beyond this a stored size is taken for damage, in bytes (1 TiB).
 constexpr std::size_t kMaxSegmentBytes = std::size_t{1} << 40;
 
+/// A status in shared memory, as all processes read and write it.
+using StatusWord = std::atomic_ref<std::uint32_t>;
+static_assert(StatusWord::is_always_lock_free);
+
 void checkKeys(key_t key1, key_t key2, key_t key3) {
   if (key1 == 0 || key2 == 0 || key3 == 0) {
     throw qel::ZU_Exception(
@@ -63,17 +67,22 @@ void TolvarAPI::WriteShareMemorySize(std::size_t size) {
 }
 
 void TolvarAPI::ReadMemoryHead(int shm_index, MemoryHead* head) {
-  std::memcpy(head, m_shm[shm_index].getPointer(), sizeof *head);
-  // What a ready segment holds must not be read before its head.
-  std::atomic_thread_fence(std::memory_order_acquire);
+  auto* shared = static_cast<MemoryHead*>(m_shm[shm_index].getPointer());
+  // What a ready segment holds is read after its statuses.
+  const std::uint32_t ip = StatusWord(shared->ip_usable).load(std::memory_order_acquire);
+  const std::uint32_t code = StatusWord(shared->code_usable).load(std::memory_order_acquire);
+  std::memcpy(head, shared, sizeof *head);
+  head->ip_usable = ip;
+  head->code_usable = code;
 }
 
 void TolvarAPI::WriteMemoryHead(int shm_index, const MemoryHead& head) {
-  // The content written before "ready" is in place before the word, and "pending" is in place
-  // before the content changes.
-  std::atomic_thread_fence(std::memory_order_seq_cst);
-  std::memcpy(m_shm[shm_index].getPointer(), &head, sizeof head);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
+  auto* shared = static_cast<MemoryHead*>(m_shm[shm_index].getPointer());
+  std::memcpy(&shared->pad0, &head.pad0, sizeof head - offsetof(MemoryHead, pad0));
+  // Exchanges order both sides: content written before "ready" is in place before the word, and
+  // "pending" is in place before the content changes.
+  StatusWord(shared->ip_usable).exchange(head.ip_usable, std::memory_order_seq_cst);
+  StatusWord(shared->code_usable).exchange(head.code_usable, std::memory_order_seq_cst);
 }
 
 void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
@@ -117,7 +126,8 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
     if (m_shm[shm_index].iscreate() || !connect_success)
       layRegions(shm_index, total, connect_success);
   }
-  m_internals->imagesInSync = true;
+  // Whatever the other segment holds, it need not be the image chosen here.
+  m_internals->imagesInSync = ready < 0;
 
   int ready_shm_index = 0;
   if (ready >= 0) {

@@ -28,6 +28,9 @@ void TolvarAPI::run() {
       TOLVAR_LOG(kLogError, 737, "run exception.");
     }
   }
+  Lock hold(*this);
+  m_internals->updateEnded = true;
+  notifyAll();
 }
 
 void TolvarAPI::noteError(const char* step, const std::string& what) {

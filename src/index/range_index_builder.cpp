@@ -14,11 +14,6 @@ constexpr std::uint64_t kAddresses = std::uint64_t{1} << 32;
 /// A leaf word of a block that is all one tuple, until the tuples get their lines.
 constexpr std::uint32_t uniformWord(std::uint32_t tuple) { return tuple << 5; }
 
-/// 8-byte units of a leaf of `keys` keys. A key count reads 16 bytes, so no leaf is smaller.
-constexpr std::size_t leafUnits(std::size_t keys) {
-  return std::max<std::size_t>(2, (2 * keys + 4 * (keys + 1) + 7) / 8);
-}
-
 constexpr std::size_t kKeyBytes = 2;
 constexpr std::size_t kTupleBytes = 3;
 
@@ -27,11 +22,11 @@ constexpr std::size_t leafUnits(std::size_t keys) {
   return std::max<std::size_t>(2, (kKeyBytes * keys + kTupleBytes * (keys + 1) + 7) / 8);
 }
 
-/// How many address bits a sub-directory over 2^bits addresses had best resolve for the sorted break
-/// points `keyAt(0)` to `keyAt(count - 1)`, counted from its start: the number with the lowest price,
-/// which is its words' bytes and, for each part that has more break points than a leaf takes, the
-/// bytes of one more directory and a charge on each lookup there, for the unforeseen jump and the
-/// memory access more.
+/// How many address bits a sub-directory over 2^bits addresses had best resolve for the sorted
+/// break points `keyAt(0)` to `keyAt(count - 1)`, counted from its start: the number with the
+/// lowest price, which is its words' bytes and, for each part that has more break points than a
+/// leaf takes, the bytes of one more directory and a charge on each lookup there, for the
+/// unforeseen jump and the memory access more.
 template <class KeyAt>
 std::uint32_t directoryBits(std::size_t count, std::uint32_t bits, std::size_t leafKeys,
                             KeyAt keyAt) noexcept {

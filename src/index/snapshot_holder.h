@@ -3,7 +3,7 @@
 #include <atomic>
 #include <memory>
 
-#include "src/index/read_epochs.h"
+#include "platform/read_epochs.h"
 
 namespace tolvar {
 
@@ -62,6 +62,10 @@ class SnapshotHolder {
 
   /// The current snapshot.
   Guard read() const noexcept { return Guard(_current); }
+
+  /// The current snapshot, for a caller that has begun a read section of its own and ends it after
+  /// its last use.
+  const T* peek() const noexcept { return _current.load(std::memory_order_seq_cst); }
 
   /// Makes `next` (which may be null) the current snapshot, waits until no reader holds the one
   /// before and destroys that one. New readers see `next` from the start of the wait on.

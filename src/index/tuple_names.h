@@ -7,23 +7,14 @@
 #include <string_view>
 #include <vector>
 
+#include "include/lookup_types.h"
 #include "src/index/code_names.h"
 #include "src/index/range_index.h"
 
 namespace tolvar {
 
 /// The nine names of an attribute tuple; a name that the code tables do not have is empty.
-struct NameRow {
-  std::string_view country;
-  std::string_view province;
-  std::string_view city;
-  std::string_view district;
-  std::string_view extend;
-  std::string_view oper;
-  std::string_view nettype;
-  std::string_view apn;
-  std::string_view flable;
-};
+using NameRow = ::IPNameView;
 
 /// The names of every attribute tuple of a RangeIndex, resolved once, in one cache line a tuple.
 /// Immutable: every operation may be called from any number of threads at once, and none

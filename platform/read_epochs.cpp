@@ -1,4 +1,4 @@
-#include "src/index/read_epochs.h"
+#include "platform/read_epochs.h"
 
 #include <pthread.h>
 
@@ -67,8 +67,8 @@ struct ThreadEnd {
     threadEnding = true;
     ReaderSlot* const slot = threadSlot;
     if (slot == nullptr) return;
-    if (slot->depth != 0) {
-      slot->depth += ReaderSlot::kTransient;
+    if (slot->epoch.load(std::memory_order_relaxed) != 0) {
+      slot->inner += ReaderSlot::kTransient + 1;
       return;
     }
     const std::lock_guard lock(list.mutex);
@@ -146,7 +146,7 @@ ReaderSlot* enlist() noexcept {
     link(slot);
   }
   if (threadEnding) {
-    slot->depth = ReaderSlot::kTransient;
+    slot->inner = ReaderSlot::kTransient;
     announce(slot);
   }
   return slot;
@@ -154,7 +154,7 @@ ReaderSlot* enlist() noexcept {
 
 void leaveTransient(ReaderSlot* slot) noexcept {
   slot->epoch.store(0, std::memory_order_release);
-  slot->depth = 0;
+  slot->inner = 0;
   const std::lock_guard lock(list.mutex);
   unlink(slot);
   threadSlot = nullptr;
@@ -164,7 +164,7 @@ void leaveTransient(ReaderSlot* slot) noexcept {
 
 void waitForReaders() noexcept {
   const ReaderSlot* const own = epochs::threadSlot;
-  if (own != nullptr && own->depth != 0) {
+  if (own != nullptr && own->epoch.load(std::memory_order_relaxed) != 0) {
     qel::assertionFailed("the waiting thread is in no read section", __FILE__, __LINE__,
                          __PRETTY_FUNCTION__);
   }

@@ -32,11 +32,12 @@ namespace tolvar {
 
 /// One thread's announcement; internal to ReadSection.
 struct alignas(64) ReaderSlot {
-  /// Added to `depth` when the end of the outermost section also takes the slot off the list.
+  /// Added to `inner`, which then counts the outermost section too, when the end of that one also
+  /// takes the slot off the list.
   static constexpr std::uint32_t kTransient = 1u << 31;
 
   std::atomic<std::uint64_t> epoch{0};
-  std::uint32_t depth = 0;  ///< sections of the thread that have begun and not ended
+  std::uint32_t inner = 0;  ///< sections of the thread inside the outermost one
   ReaderSlot* previous = nullptr;
   ReaderSlot* next = nullptr;
 };
@@ -50,9 +51,11 @@ struct alignas(64) ProcessEpoch {
 /// Bit 0: readers use sequentially consistent stores. Bits 1 to 63: the epoch, from 1 on.
 extern constinit ProcessEpoch processEpoch;
 
-/// The calling thread's slot; null while it is not in the list. One pointer in the static TLS block
-/// is cheap to reach and fits in what the C library keeps free for libraries loaded at run time.
-extern constinit thread_local ReaderSlot* threadSlot __attribute__((tls_model("initial-exec")));
+/// The calling thread's slot; null while it is not in the list. Of the default thread-local model:
+/// in a program it costs no more than a plain variable, in a shared library a call; the faster
+/// initial-exec model would make a library with much thread-local data of its own impossible to
+/// load at run time.
+extern constinit thread_local ReaderSlot* threadSlot;
 
 /// Enlists the calling thread's slot and answers it.
 ReaderSlot* enlist() noexcept;
@@ -82,7 +85,13 @@ class ReadSection {
   ReadSection() noexcept : _slot(epochs::threadSlot) {
     if (_slot == nullptr) [[unlikely]]
       _slot = epochs::enlist();
-    if (_slot->depth++ == 0) epochs::announce(_slot);
+    // No counting in the outermost section: a count that is changed twice a lookup would tie
+    // every lookup to the one before.
+    if (_slot->epoch.load(std::memory_order_relaxed) == 0) [[likely]] {
+      epochs::announce(_slot);
+    } else {
+      ++_slot->inner;
+    }
   }
 
   ReadSection(ReadSection&& other) noexcept : _slot(std::exchange(other._slot, nullptr)) {}
@@ -93,10 +102,9 @@ class ReadSection {
 
   ~ReadSection() {
     if (_slot == nullptr) return;
-    const std::uint32_t depth = --_slot->depth;
-    if (depth == 0) [[likely]] {
+    if (_slot->inner == 0) [[likely]] {
       _slot->epoch.store(0, std::memory_order_release);
-    } else if (depth == ReaderSlot::kTransient) [[unlikely]] {
+    } else if (--_slot->inner == ReaderSlot::kTransient) [[unlikely]] {
       epochs::leaveTransient(_slot);
     }
   }
