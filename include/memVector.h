@@ -42,6 +42,13 @@ struct MemNode {
   void ParseTo(ravel::CodeInfo* record) const;
   void InnerParseTo(ravel::VekInputStream<ravel::BufferReader>* in) const;
 
+  /// The length word, believed or not.
+  std::uint64_t encodedLength() const noexcept {
+    std::uint64_t length = 0;
+    std::memcpy(&length, m_buffer, sizeof length);
+    return length;
+  }
+
   /// True when the encoding can be stored whole.
   static bool fits(const ravel::VekOutputStream<ravel::BufferWriter>& encoded) noexcept {
     return encoded.getLength() <= kRoom;
