@@ -22,7 +22,7 @@ namespace tolvar {
 namespace epochs {
 
 constinit ProcessEpoch processEpoch{3};
-constinit thread_local ReaderSlot* threadSlot = nullptr;
+constinit thread_local ReaderSlot threadSlot;
 
 namespace {
 
@@ -46,7 +46,6 @@ struct SlotList {
 };
 
 constinit SlotList list;
-constinit thread_local ReaderSlot slotStorage;
 constinit thread_local bool threadEnding = false;
 
 void link(ReaderSlot* slot) noexcept {
@@ -61,19 +60,23 @@ void unlink(ReaderSlot* slot) noexcept {
   if (slot->next != nullptr) slot->next->previous = slot->previous;
 }
 
+void delist(ReaderSlot* slot) noexcept {
+  const std::lock_guard lock(list.mutex);
+  unlink(slot);
+  slot->epoch.store(ReaderSlot::kUnlisted, std::memory_order_relaxed);
+}
+
 /// Takes the slot off the list as the thread ends, or leaves that to the section it is still in.
 struct ThreadEnd {
   ~ThreadEnd() {
     threadEnding = true;
-    ReaderSlot* const slot = threadSlot;
-    if (slot == nullptr) return;
-    if (slot->epoch.load(std::memory_order_relaxed) != 0) {
-      slot->inner += ReaderSlot::kTransient + 1;
+    const std::uint64_t epoch = threadSlot.epoch.load(std::memory_order_relaxed);
+    if (epoch == ReaderSlot::kUnlisted) return;
+    if (epoch != 0) {
+      threadSlot.inner += ReaderSlot::kTransient + 1;
       return;
     }
-    const std::lock_guard lock(list.mutex);
-    unlink(slot);
-    threadSlot = nullptr;
+    delist(&threadSlot);
   }
   void arm() noexcept {}
 };
@@ -87,7 +90,7 @@ void unlockInParent() { list.mutex.unlock(); }
 /// Only the forking thread goes on in the child.
 void restartInChild() {
   list.head = nullptr;
-  if (threadSlot != nullptr) link(threadSlot);
+  if (threadSlot.epoch.load(std::memory_order_relaxed) != ReaderSlot::kUnlisted) link(&threadSlot);
   // A registration that was not inherited shows as a failing barrier, which costs time, not safety.
   if (list.usesBarrier.load(std::memory_order_relaxed)) qel::registerProcessBarrier();
   list.mutex.unlock();
@@ -134,37 +137,47 @@ void backOff(unsigned round) {
       std::min<std::chrono::microseconds>(delay, std::chrono::milliseconds(1)));
 }
 
-}  // namespace
-
-ReaderSlot* enlist() noexcept {
+/// Puts the slot of a thread that is in no section into the list.
+void enlist(ReaderSlot* slot) noexcept {
   if (!threadEnding) threadEnd.arm();
-  ReaderSlot* const slot = &slotStorage;
-  threadSlot = slot;
-  {
-    const std::lock_guard lock(list.mutex);
-    prepare();
-    link(slot);
-  }
-  if (threadEnding) {
-    slot->inner = ReaderSlot::kTransient;
-    announce(slot);
-  }
-  return slot;
+  const std::lock_guard lock(list.mutex);
+  prepare();
+  slot->epoch.store(0, std::memory_order_relaxed);
+  link(slot);
 }
 
-void leaveTransient(ReaderSlot* slot) noexcept {
-  slot->epoch.store(0, std::memory_order_release);
+}  // namespace
+
+void beginOtherwise(ReaderSlot* slot) noexcept {
+  if (slot->epoch.load(std::memory_order_relaxed) != ReaderSlot::kUnlisted) {
+    ++slot->inner;
+    return;
+  }
+  enlist(slot);
+  announce(slot);
+  if (threadEnding) slot->inner = ReaderSlot::kTransient + 1;
+}
+
+void endOtherwise(ReaderSlot* slot) noexcept {
+  if (--slot->inner != ReaderSlot::kTransient) return;
   slot->inner = 0;
-  const std::lock_guard lock(list.mutex);
-  unlink(slot);
-  threadSlot = nullptr;
+  slot->epoch.store(0, std::memory_order_release);
+  delist(slot);
+}
+
+void endAny(ReaderSlot* slot) noexcept {
+  if (slot->inner == 0) {
+    slot->epoch.store(0, std::memory_order_release);
+  } else {
+    endOtherwise(slot);
+  }
 }
 
 }  // namespace epochs
 
 void waitForReaders() noexcept {
-  const ReaderSlot* const own = epochs::threadSlot;
-  if (own != nullptr && own->epoch.load(std::memory_order_relaxed) != 0) {
+  const std::uint64_t own = epochs::threadSlot.epoch.load(std::memory_order_relaxed);
+  if (own != 0 && own != ReaderSlot::kUnlisted) {
     qel::assertionFailed("the waiting thread is in no read section", __FILE__, __LINE__,
                          __PRETTY_FUNCTION__);
   }

@@ -11,8 +11,9 @@
 /// that began it. Not for signal handlers.
 ///
 /// Invariants:
-///  1. A thread's slot holds 0 outside read sections; inside, the value of the process epoch as the
-///     outermost section began. Only its own thread writes it.
+///  1. A thread's slot holds kUnlisted while it is not in the list of slots, else 0 outside read
+///     sections and, inside, the value of the process epoch as the outermost section began. Only
+///     its own thread writes it.
 ///  2. A writer first replaces, then advances the epoch. So a reader that took the epoch from after
 ///     the advance (acquire) sees the replacement, and a writer waits only for smaller ones.
 ///  3. A reader's slot store is ordered before its loads of anything replaceable. Either the store
@@ -36,7 +37,10 @@ struct alignas(64) ReaderSlot {
   /// takes the slot off the list.
   static constexpr std::uint32_t kTransient = 1u << 31;
 
-  std::atomic<std::uint64_t> epoch{0};
+  /// As `epoch`: the slot is not in the list. Above every real epoch.
+  static constexpr std::uint64_t kUnlisted = UINT64_MAX;
+
+  std::atomic<std::uint64_t> epoch{kUnlisted};
   std::uint32_t inner = 0;  ///< sections of the thread inside the outermost one
   ReaderSlot* previous = nullptr;
   ReaderSlot* next = nullptr;
@@ -51,17 +55,19 @@ struct alignas(64) ProcessEpoch {
 /// Bit 0: readers use sequentially consistent stores. Bits 1 to 63: the epoch, from 1 on.
 extern constinit ProcessEpoch processEpoch;
 
-/// The calling thread's slot; null while it is not in the list. Of the default thread-local model:
-/// in a program it costs no more than a plain variable, in a shared library a call; the faster
-/// initial-exec model would make a library with much thread-local data of its own impossible to
-/// load at run time.
-extern constinit thread_local ReaderSlot* threadSlot;
+/// The calling thread's slot. Of the default thread-local model: in a program it costs no more than
+/// a plain variable, in a shared library a call; the faster initial-exec model would make a library
+/// with much thread-local data of its own impossible to load at run time.
+extern constinit thread_local ReaderSlot threadSlot;
 
-/// Enlists the calling thread's slot and answers it.
-ReaderSlot* enlist() noexcept;
+/// Begins a section of a thread whose slot is not in the list or which is in a section already.
+void beginOtherwise(ReaderSlot* slot) noexcept;
 
-/// Ends a section whose end takes the slot off the list.
-void leaveTransient(ReaderSlot* slot) noexcept;
+/// Ends a section that is inside another one or whose end takes the slot off the list.
+void endOtherwise(ReaderSlot* slot) noexcept;
+
+/// Ends any section.
+void endAny(ReaderSlot* slot) noexcept;
 
 /// Writes the current epoch into the slot of a thread whose outermost section begins.
 inline void announce(ReaderSlot* slot) noexcept {
@@ -82,15 +88,13 @@ inline void announce(ReaderSlot* slot) noexcept {
 /// May be moved within its thread.
 class ReadSection {
  public:
-  ReadSection() noexcept : _slot(epochs::threadSlot) {
-    if (_slot == nullptr) [[unlikely]]
-      _slot = epochs::enlist();
+  ReadSection() noexcept : _slot(&epochs::threadSlot) {
     // No counting in the outermost section: a count that is changed twice a lookup would tie
-    // every lookup to the one before.
+    // every lookup to the one before. An unlisted slot fails the one test that is needed anyway.
     if (_slot->epoch.load(std::memory_order_relaxed) == 0) [[likely]] {
       epochs::announce(_slot);
     } else {
-      ++_slot->inner;
+      epochs::beginOtherwise(_slot);
     }
   }
 
@@ -104,13 +108,45 @@ class ReadSection {
     if (_slot == nullptr) return;
     if (_slot->inner == 0) [[likely]] {
       _slot->epoch.store(0, std::memory_order_release);
-    } else if (--_slot->inner == ReaderSlot::kTransient) [[unlikely]] {
-      epochs::leaveTransient(_slot);
+    } else {
+      epochs::endOtherwise(_slot);
     }
   }
 
  private:
   ReaderSlot* _slot;
+};
+
+/// A read section that ends in the block where it begins. Its thread begins and ends other sections
+/// meanwhile only nested inside it. Being sure of that makes the outermost one a little cheaper than
+/// a ReadSection.
+class ScopedReadSection {
+ public:
+  ScopedReadSection() noexcept : _slot(&epochs::threadSlot) {
+    const std::uint64_t epoch = _slot->epoch.load(std::memory_order_relaxed);
+    if (epoch == 0) [[likely]] {
+      epochs::announce(_slot);
+      _ending = Ending::Outermost;
+    } else {
+      epochs::beginOtherwise(_slot);
+      _ending = Ending::Counted;
+    }
+  }
+  ~ScopedReadSection() {
+    if (_ending == Ending::Counted) [[unlikely]] {
+      epochs::endAny(_slot);
+    } else {
+      _slot->epoch.store(0, std::memory_order_release);
+    }
+  }
+  ScopedReadSection(const ScopedReadSection&) = delete;
+  ScopedReadSection& operator=(const ScopedReadSection&) = delete;
+
+ private:
+  enum class Ending : bool { Outermost, Counted };
+
+  ReaderSlot* _slot;
+  Ending _ending;
 };
 
 /// Waits until every read section that had begun before the call has ended, on whatever thread.

@@ -78,8 +78,7 @@ void ZU_Shm::map(int id, key_t key, int flags) {
 void ZU_Shm::remove() {
   if (_id < 0 || systemCalls().shmctl(_id, IPC_RMID, nullptr) == 0) return;
   const int error = errno;
-  if (error != EIDRM && error != EINVAL)
-    throw ZU_Exception("[ZU_Shm::del]: shmctl failed", error);
+  if (error != EIDRM && error != EINVAL) throw ZU_Exception("[ZU_Shm::del]: shmctl failed", error);
 }
 
 void ZU_Shm::del() {

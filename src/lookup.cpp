@@ -2,44 +2,35 @@
 #include "platform/toolkit.h"
 #include "src/client_internals.h"
 
-bool TolvarAPI::binarySearch(std::uint32_t ip, VALUE* value) {
-  ravel::IPInfo info;
-  if (!getIPInfo(ip, &info)) return false;
-  value->place = info.district;
-  value->extend = info.extend;
-  value->oper = info.oper;
-  value->nettype = info.nettype;
-  value->apn = static_cast<std::uint8_t>(info.apn);
-  value->flable = static_cast<std::uint8_t>(info.flable);
-  return true;
+namespace {
+
+void copyNames(const IPNameView& names, IPHumanMessage* msg) {
+  msg->m_country.assign(names.country);
+  msg->m_province.assign(names.province);
+  msg->m_city.assign(names.city);
+  msg->m_district.assign(names.district);
+  msg->m_extend.assign(names.extend);
+  msg->m_oper.assign(names.oper);
+  msg->m_nettype.assign(names.nettype);
+  msg->m_apn.assign(names.apn);
+  msg->m_flable.assign(names.flable);
 }
 
-bool TolvarAPI::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) {
-  return read().getIPInfo(ip, info);
-}
+}  // namespace
 
 bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) {
-  {
-    const TolvarReader reader = read();
-    IPNameView names;
-    if (!reader.getIPInfo(ip, &names)) return false;
-    msg->m_country.assign(names.country);
-    msg->m_province.assign(names.province);
-    msg->m_city.assign(names.city);
-    msg->m_district.assign(names.district);
-    msg->m_extend.assign(names.extend);
-    msg->m_oper.assign(names.oper);
-    msg->m_nettype.assign(names.nettype);
-    msg->m_apn.assign(names.apn);
-    msg->m_flable.assign(names.flable);
-  }
-  if (m_client_conf.getQueryData()->conf.statisOpen) {
+  const bool found = m_internals->tables.with([=](const tolvar::LookupSnapshot* tables) {
+    const std::uint32_t tuple = tables->ranges->findTuple(ip);
+    if (tuple != 0) copyNames(tables->names->row(tuple), msg);
+    return tuple != 0;
+  });
+  if (found && m_client_conf.getQueryData()->conf.statisOpen) {
     m_report.report(ravel::ECountry, msg->m_country);
     m_report.report(ravel::EProvince, msg->m_province);
     m_report.report(ravel::ECity, msg->m_city);
     m_report.report(ravel::EOperator, msg->m_oper);
   }
-  return true;
+  return found;
 }
 
 bool TolvarAPI::getIPInfoFromStr(const std::string& ip, ravel::IPInfo* info) {
@@ -57,14 +48,16 @@ bool TolvarAPI::getIPInfoFromStr(const std::string& ip, IPHumanMessage* msg) {
 }
 
 bool TolvarAPI::simple() {
-  // Unsigned arithmetic: the counter wraps without undefined behaviour.
-  std::int64_t key = static_cast<std::int64_t>(
-      static_cast<std::uint64_t>(m_simple_key.fetch_add(1, std::memory_order_relaxed)) + 1u);
+  // Counted without a locked instruction, which would have all threads wait for each other's: calls
+  // at the same moment may count as one, and that only shifts the sample. Unsigned arithmetic: the
+  // counter wraps without undefined behaviour.
+  const auto before = static_cast<std::uint64_t>(m_simple_key.load(std::memory_order_relaxed));
+  auto key = static_cast<std::int64_t>(before + 1u);
   if (key < 0) {
     // The smallest number has no negation; the count then begins anew.
     key = key == INT64_MIN ? 0 : -key;
-    m_simple_key.store(key, std::memory_order_relaxed);
   }
+  m_simple_key.store(key, std::memory_order_relaxed);
   return key % 10000 < m_client_conf.getQueryData()->conf.simplingRate;
 }
 

@@ -1,6 +1,10 @@
-#include <algorithm>
-
 #include "src/client_internals.h"
+
+/// The lookups that neither lock nor allocate nor call the operating system. They lie together, and
+/// apart from those that may, so that a test can tell by the symbols of this one object file, and
+/// so that a lookup is one piece of code without calls.
+
+using tolvar::LookupSnapshot;
 
 TolvarReader::TolvarReader(const tolvar::ClientInternals& internals) noexcept
     : _tables(internals.tables.peek()) {}
@@ -20,11 +24,29 @@ bool TolvarReader::getIPInfo(std::uint32_t ip, IPNameView* names) const noexcept
 
 std::size_t TolvarReader::getIPInfoBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
                                          std::uint8_t* found) const noexcept {
-  _tables->ranges->findBatch(ips, infos, found);
-  return static_cast<std::size_t>(std::count(found, found + ips.size(), std::uint8_t{1}));
+  return _tables->ranges->findBatch(ips, infos, found);
+}
+
+bool TolvarAPI::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) {
+  return m_internals->tables.with(
+      [=](const LookupSnapshot* tables) noexcept { return tables->ranges->lookup(ip, info); });
 }
 
 std::size_t TolvarAPI::getIPInfoBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
                                       std::uint8_t* found) const noexcept {
-  return read().getIPInfoBatch(ips, infos, found);
+  return m_internals->tables.with([=](const LookupSnapshot* tables) noexcept {
+    return tables->ranges->findBatch(ips, infos, found);
+  });
+}
+
+bool TolvarAPI::binarySearch(std::uint32_t ip, VALUE* value) {
+  ravel::IPInfo info;
+  if (!getIPInfo(ip, &info)) return false;
+  value->place = info.district;
+  value->extend = info.extend;
+  value->oper = info.oper;
+  value->nettype = info.nettype;
+  value->apn = static_cast<std::uint8_t>(info.apn);
+  value->flable = static_cast<std::uint8_t>(info.flable);
+  return true;
 }

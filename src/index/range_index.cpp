@@ -34,18 +34,22 @@ void RangeIndex::findTuples(std::span<const std::uint32_t> ips,
   }
 }
 
-void RangeIndex::findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
-                           std::uint8_t* found) const noexcept {
+std::size_t RangeIndex::findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
+                                  std::uint8_t* found) const noexcept {
   std::array<std::uint32_t, kGroup> tuples;
+  std::size_t hits = 0;
   for (std::size_t begin = 0; begin < ips.size(); begin += kGroup) {
     const std::size_t count = std::min(kGroup, ips.size() - begin);
     findTuples(ips.subspan(begin, count), tuples.data());
     for (std::size_t i = 0; i < count; ++i) prefetch(&info(tuples[i]));
     for (std::size_t i = 0; i < count; ++i) {
       infos[begin + i] = info(tuples[i]);
-      found[begin + i] = tuples[i] != 0;
+      const bool hit = tuples[i] != 0;
+      found[begin + i] = hit;
+      hits += hit;
     }
   }
+  return hits;
 }
 
 std::size_t RangeIndex::memoryBytes() const noexcept {

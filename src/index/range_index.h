@@ -24,9 +24,11 @@ namespace tolvar {
 /// the number of the attribute tuple that holds from there on. Tuple 0 means "no range" and is all
 /// zeros. Distinct attribute tuples are stored once, as ready `IPInfo` records.
 ///
-///   words   65,536 directory words, one for each value of an address's upper 16 bits:
+///   words   65,536 pairs, one for each value of an address's upper 16 bits. The first word of a
+///           pair says where the next one to read is:
 ///             number of the next word = (bits 5-31) + (low 16 address bits >> bits 0-4)
-///           then second words; those of a crowded bucket are its sub-directory:
+///           which for most is the second word of the pair, in the same cache line. After the pairs
+///           come the sub-directories of crowded buckets. All words but the first of a pair:
 ///             bit 0 = 0   leaf of n keys: 2 n in bits 0-4, 8-byte unit of its place in bits 5-31
 ///             bit 0 = 1   sub-directory of its own: number of the next word = (bits 5-31)
 ///                         + (low 16 address bits >> bits 1-4), modulo 2^27
@@ -90,9 +92,9 @@ class RangeIndex {
 
   /// Looks `ips.size()` addresses (host order) up, with the memory accesses of many of them under
   /// way at the same time. `infos` and `found` have room for as many entries: found[i] becomes 1
-  /// and infos[i] the attributes, or on a miss 0 and all zeros.
-  void findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
-                 std::uint8_t* found) const noexcept;
+  /// and infos[i] the attributes, or on a miss 0 and all zeros. Answers how many were found.
+  std::size_t findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
+                        std::uint8_t* found) const noexcept;
 
   /// The same, with the tuple numbers only.
   void findTuples(std::span<const std::uint32_t> ips, std::uint32_t* tuples) const noexcept;
@@ -103,13 +105,17 @@ class RangeIndex {
   /// Distinct attribute tuples, tuple 0 included: valid numbers are below it.
   std::size_t tupleCount() const noexcept { return _lines.size() - _leafLines; }
 
+  /// Lines of 64 bytes that hold leaves.
+  std::size_t leafLineCount() const noexcept { return _leafLines; }
+
   /// Memory held, in bytes.
   std::size_t memoryBytes() const noexcept;
 
  private:
   friend class RangeIndexBuilder;
 
-  static constexpr std::uint32_t kDirectoryWords = 1u << 16;
+  static constexpr std::uint32_t kBuckets = 1u << 16;
+  static constexpr std::uint32_t kDirectoryWords = 2 * kBuckets;
   static constexpr std::uint32_t kNumberMask = (1u << 27) - 1;
   static constexpr std::uint32_t kTupleLimit = 1u << 24;
   static constexpr std::uint32_t kLeafKeys = 8;
@@ -132,7 +138,7 @@ class RangeIndex {
   const Line& lineOf(std::uint32_t tuple) const noexcept { return _lines[_leafLines + tuple]; }
 
   std::uint32_t secondWordNumber(std::uint32_t ip) const noexcept {
-    const std::uint32_t word = _words[ip >> 16];
+    const std::uint32_t word = _words[2 * (ip >> 16)];
     return (word >> 5) + ((ip & 0xFFFFu) >> (word & 31u));
   }
 

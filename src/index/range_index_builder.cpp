@@ -17,10 +17,14 @@ constexpr std::uint32_t uniformWord(std::uint32_t tuple) { return tuple << 5; }
 constexpr std::size_t kKeyBytes = 2;
 constexpr std::size_t kTupleBytes = 3;
 
-/// 8-byte units of a leaf of `keys` keys. A key count reads 16 bytes, so no leaf is smaller.
+/// 8-byte units of a leaf of `keys` keys.
 constexpr std::size_t leafUnits(std::size_t keys) {
-  return std::max<std::size_t>(2, (kKeyBytes * keys + kTupleBytes * (keys + 1) + 7) / 8);
+  return (kKeyBytes * keys + kTupleBytes * (keys + 1) + 7) / 8;
 }
+
+/// A key count reads 16 bytes, so that many units of the line follow the start of every leaf, if
+/// need be with other leaves in them.
+constexpr std::size_t kReadUnits = 2;
 
 /// How many address bits a sub-directory over 2^bits addresses had best resolve for the sorted
 /// break points `keyAt(0)` to `keyAt(count - 1)`, counted from its start: the number with the
@@ -83,7 +87,7 @@ void RangeIndexBuilder::add(const ravel::IPProperty& range) {
 
 RangeIndex RangeIndexBuilder::finish() {
   if (_uncovered < kAddresses) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
-  closeBucketsBefore(RangeIndex::kDirectoryWords);
+  closeBucketsBefore(RangeIndex::kBuckets);
   appendTuples();
   _index._words.shrink_to_fit();
   return std::move(_index);
@@ -115,35 +119,24 @@ void RangeIndexBuilder::setFrom(std::uint32_t address, std::uint32_t tuple) {
 
 void RangeIndexBuilder::closeBucketsBefore(std::uint32_t bucket) {
   if (_bucket == bucket) return;
-  const std::uint32_t word = makeBucket(_first, _breaks);
-  _index._words[_bucket] = word;
-  if (bucket - _bucket > 1) {
-    const std::uint32_t uniform = makeBucket(_current, {});
-    const auto words = _index._words.begin();
-    std::fill(words + _bucket + 1, words + bucket, uniform);
-  }
+  makeBucket(_bucket, _first, _breaks);
+  for (std::uint32_t empty = _bucket + 1; empty < bucket; ++empty) makeBucket(empty, _current, {});
   _bucket = bucket;
   _first = _current;
   _breaks.clear();
 }
 
-/// Directory word of a bucket that begins with `tuple`.
-std::uint32_t RangeIndexBuilder::makeBucket(std::uint32_t tuple, Breaks breaks) {
+/// Writes the pair of words of a bucket that begins with `tuple`.
+void RangeIndexBuilder::makeBucket(std::uint32_t bucket, std::uint32_t tuple, Breaks breaks) {
   const Block block{0, 16, tuple};
-  Directory directory{0, 16};
+  const std::uint32_t second = 2 * bucket + 1;
+  Directory directory{second, 16};
   if (breaks.size() <= RangeIndex::kLeafKeys) {
-    directory.base = addSecondWord(makeNode(block, breaks));
+    _index._words[second] = makeNode(block, breaks);
   } else {
     directory = makeDirectory(block, breaks);
   }
-  return directory.base << 5 | directory.shift;
-}
-
-/// Number of a second word of the given value; the last one added may serve once more.
-std::uint32_t RangeIndexBuilder::addSecondWord(std::uint32_t word) {
-  std::vector<std::uint32_t>& words = _index._words;
-  if (words.size() == RangeIndex::kDirectoryWords || words.back() != word) words.push_back(word);
-  return static_cast<std::uint32_t>(words.size() - 1);
+  _index._words[2 * bucket] = directory.base << 5 | directory.shift;
 }
 
 /// Second word of `block`, which has `breaks` strictly inside.
@@ -200,7 +193,7 @@ std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
 
 /// Finds room for a leaf of `units` 8-byte units inside one line; answers its unit number.
 std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
-  std::size_t room = units;
+  std::size_t room = std::max(units, kReadUnits);
   while (room < kLineUnits && _open[room] == 0) ++room;
   std::uint32_t line;
   if (room < kLineUnits) {
@@ -215,7 +208,7 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
     _index._lines.emplace_back();
   }
   const std::size_t left = room - units;
-  if (left >= leafUnits(1)) {
+  if (left >= kReadUnits) {
     std::memcpy(linkOf(line), &_open[left], sizeof line);
     _open[left] = line;
   }
@@ -246,11 +239,13 @@ void RangeIndexBuilder::appendTuples() {
   _index._leafLines = leafLines;
 
   constexpr std::size_t kLeafUnit = offsetof(Line, tuple.number) / RangeIndex::kUnitBytes;
-  const auto second = _index._words.begin() + RangeIndex::kDirectoryWords;
-  std::for_each(second, _index._words.end(), [&](std::uint32_t& word) {
+  const auto place = [&](std::uint32_t& word) {
     if ((word & 31u) != 0) return;
     word = static_cast<std::uint32_t>((leafLines + (word >> 5)) * kLineUnits + kLeafUnit) << 5;
-  });
+  };
+  std::vector<std::uint32_t>& words = _index._words;
+  for (std::size_t i = 1; i < RangeIndex::kDirectoryWords; i += 2) place(words[i]);
+  std::for_each(words.begin() + RangeIndex::kDirectoryWords, words.end(), place);
 }
 
 }  // namespace tolvar

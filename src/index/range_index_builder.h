@@ -49,9 +49,8 @@ class RangeIndexBuilder {
   std::uint32_t tupleOf(const ravel::IPProperty& range);
   void setFrom(std::uint32_t address, std::uint32_t tuple);
   void closeBucketsBefore(std::uint32_t bucket);
-  std::uint32_t addSecondWord(std::uint32_t word);
 
-  std::uint32_t makeBucket(std::uint32_t tuple, Breaks breaks);
+  void makeBucket(std::uint32_t bucket, std::uint32_t tuple, Breaks breaks);
   std::uint32_t makeNode(const Block& block, Breaks breaks);
   Directory makeDirectory(const Block& block, Breaks breaks);
   std::uint32_t makeLeaf(std::uint32_t first, Breaks breaks);

@@ -63,6 +63,15 @@ class SnapshotHolder {
   /// The current snapshot.
   Guard read() const noexcept { return Guard(_current); }
 
+  /// Calls `use(const T*)` with the current snapshot, which stays alive until `use` returns, and
+  /// answers what it answers. The cheapest way to read: `use` takes and drops guards of its own
+  /// inside itself only.
+  template <class Use>
+  decltype(auto) with(Use use) const noexcept(noexcept(use(static_cast<const T*>(nullptr)))) {
+    const ScopedReadSection section;
+    return use(peek());
+  }
+
   /// The current snapshot, for a caller that has begun a read section of its own and ends it after
   /// its last use.
   const T* peek() const noexcept { return _current.load(std::memory_order_seq_cst); }

@@ -16,6 +16,9 @@ class FakeProxy : public ravel::TolvarProxy {
     _service->record("selectServer " + std::to_string(key));
     return std::make_shared<FakeProxy>(_service);
   }
+  void cancelCalls() override {
+    if (_service->cancel) _service->cancel();
+  }
   int getConf(ravel::ClientConf& conf, const ravel::CallContext& context,
               ravel::CallContext* response) override {
     _service->record("getConf" + contextNote(context, response));
@@ -70,6 +73,9 @@ class FakeFastProxy : public ravel::FTolvarProxy {
   ravel::FTolvarPrx selectServer(std::int64_t key) override {
     _service->record("selectServer(F) " + std::to_string(key));
     return std::make_shared<FakeFastProxy>(_service);
+  }
+  void cancelCalls() override {
+    if (_service->cancel) _service->cancel();
   }
   int FirstTotalDownloadIPInfo(std::uint32_t high, std::uint32_t low, std::uint32_t size,
                                ravel::downloadInfo& page, const ravel::CallContext&,

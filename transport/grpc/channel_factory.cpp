@@ -1,0 +1,46 @@
+#include "transport/grpc/channel_factory.h"
+
+#include <grpc/grpc.h>
+#include <grpcpp/create_channel.h>
+#include <grpcpp/support/channel_arguments.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace tolvar {
+namespace {
+
+constexpr int kFirstBackoffMillis = 100;
+constexpr int kMaxBackoffMillis = 500;
+
+int millis(std::chrono::milliseconds duration) {
+  constexpr std::chrono::milliseconds::rep kMost = std::numeric_limits<int>::max();
+  return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(duration.count(), 1, kMost));
+}
+
+}  // namespace
+
+std::shared_ptr<grpc::Channel> makeChannel(
+    const std::string& endpoint, const std::shared_ptr<grpc::ChannelCredentials>& credentials,
+    const GrpcOptions& options) {
+  grpc::ChannelArguments arguments;
+  arguments.SetMaxReceiveMessageSize(options.maxReceiveBytes);
+  arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, kFirstBackoffMillis);
+  arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, kMaxBackoffMillis);
+  // Despite its name this bounds one attempt to connect.
+  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, millis(options.connectTimeout));
+  arguments.SetInt(GRPC_ARG_DNS_MIN_TIME_BETWEEN_RESOLUTIONS_MS, kMaxBackoffMillis);
+  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, millis(options.keepaliveTime));
+  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, millis(options.keepaliveTimeout));
+  arguments.SetInt(GRPC_ARG_CLIENT_IDLE_TIMEOUT_MS, millis(options.idleTimeout));
+  // Connections belong to their communicator and close with it.
+  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  // The service is reached as configured, whatever http_proxy or DNS TXT records say.
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);
+  if (options.tls && !options.authority.empty())
+    arguments.SetSslTargetNameOverride(options.authority);
+  return grpc::CreateCustomChannel(endpoint, credentials, arguments);
+}
+
+}  // namespace tolvar

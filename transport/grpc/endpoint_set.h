@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "transport/grpc/endpoint.h"
+
+namespace tolvar {
+
+/// Index of the server that `key` chooses among `count` (at least 1) servers. Keys that follow each
+/// other spread evenly.
+std::size_t chosenIndex(std::int64_t key, std::size_t count) noexcept;
+
+/// The servers behind one object name, at least one. Immutable; any thread.
+class EndpointSet {
+ public:
+  using Endpoints = std::vector<std::shared_ptr<Endpoint>>;
+
+  explicit EndpointSet(Endpoints endpoints) : _endpoints(std::move(endpoints)) {}
+
+  /// The server that `key` chooses, or the next one after it that is not known to be down. One that
+  /// has no connection gets up to 150 ms to show that it can be reached. When all are down, the
+  /// chosen one.
+  std::shared_ptr<Endpoint> select(std::int64_t key) const;
+
+  /// All servers from the chosen one on, those known to be down last.
+  Endpoints ordered(std::int64_t key) const;
+
+ private:
+  const Endpoints _endpoints;
+};
+
+}  // namespace tolvar

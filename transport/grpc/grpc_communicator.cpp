@@ -1,0 +1,85 @@
+#include "transport/grpc/grpc_communicator.h"
+
+#include "platform/exception.h"
+#include "transport/grpc/channel_factory.h"
+#include "transport/grpc/endpoint_set.h"
+#include "transport/grpc/grpc_proxies.h"
+#include "transport/grpc/tls_files.h"
+
+namespace tolvar {
+namespace {
+
+constexpr const char* kMainSuffix = ".TolvarObj@tcp";
+constexpr const char* kFastSuffix = ".FTolvarObj@tcp";
+
+void checkOptions(const GrpcOptions& options) {
+  for (const auto& [name, addresses] : options.endpoints) {
+    if (addresses.empty()) throw qel::ZU_Exception("the object " + name + " has no endpoint");
+    for (const std::string& address : addresses)
+      if (address.empty()) throw qel::ZU_Exception("the object " + name + " has an empty endpoint");
+  }
+  if (options.checkDeadline.count() <= 0 || options.pageDeadline.count() <= 0)
+    throw qel::ZU_Exception("a deadline must be at least 1 ms");
+  if (options.maxReceiveBytes <= 0)
+    throw qel::ZU_Exception("the receive limit must be at least 1 byte");
+  if (!options.tls && !options.authority.empty())
+    throw qel::ZU_Exception("an authority only serves encrypted connections");
+}
+
+GrpcOptions checked(GrpcOptions options) {
+  checkOptions(options);
+  return options;
+}
+
+std::shared_ptr<grpc::ChannelCredentials> credentialsFor(const GrpcOptions& options) {
+  return options.tls ? clientCredentials(*options.tls) : grpc::InsecureChannelCredentials();
+}
+
+}  // namespace
+
+GrpcCommunicator::GrpcCommunicator(GrpcOptions options)
+    : _core(std::make_shared<GrpcCore>(checked(std::move(options)))),
+      _credentials(credentialsFor(_core->options)) {}
+
+GrpcCommunicator::~GrpcCommunicator() { end(); }
+
+void GrpcCommunicator::end() { _core->calls.end(); }
+
+void GrpcCommunicator::stringToProxy(const std::string& name, ravel::TolvarPrx& proxy) {
+  proxy = std::make_shared<GrpcTolvarProxy>(
+      GrpcTarget{_core, resolve(name, kFastSuffix), _core->calls.newFamily(), nullptr});
+}
+
+void GrpcCommunicator::stringToProxy(const std::string& name, ravel::FTolvarPrx& proxy) {
+  proxy = std::make_shared<GrpcFTolvarProxy>(
+      GrpcTarget{_core, resolve(name, kMainSuffix), _core->calls.newFamily(), nullptr});
+}
+
+std::shared_ptr<const EndpointSet> GrpcCommunicator::resolve(const std::string& name,
+                                                             const std::string& foreign) {
+  if (name.ends_with(foreign))
+    throw qel::ZU_Exception("the object name " + name + " is one of the other object (" + foreign +
+                            ")");
+  const auto configured = _core->options.endpoints.find(name);
+  if (configured == _core->options.endpoints.end())
+    throw qel::ZU_Exception("no endpoints are configured for the object name \"" + name +
+                            "\"; give them in GrpcOptions::endpoints");
+  const std::lock_guard lock(_mutex);
+  std::shared_ptr<const EndpointSet>& set = _sets[name];
+  if (!set) {
+    EndpointSet::Endpoints endpoints;
+    for (const std::string& address : configured->second) endpoints.push_back(endpointAt(address));
+    set = std::make_shared<EndpointSet>(std::move(endpoints));
+  }
+  return set;
+}
+
+std::shared_ptr<Endpoint> GrpcCommunicator::endpointAt(const std::string& address) {
+  std::shared_ptr<Endpoint>& endpoint = _endpoints[address];
+  if (!endpoint)
+    endpoint =
+        std::make_shared<Endpoint>(address, makeChannel(address, _credentials, _core->options));
+  return endpoint;
+}
+
+}  // namespace tolvar
