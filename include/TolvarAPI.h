@@ -200,7 +200,7 @@ class TolvarAPI : public qel::ZU_Thread,
   std::string GetCodeInfoById(int type, std::uint64_t id);
   void GetCodeInfoById(int type, std::uint64_t id, std::string* out);
 
-  // --- Shared memory (segments.cpp, growth.cpp) ---
+  // --- Shared memory (segments.cpp, image_lock.cpp, growth.cpp) ---
   void InitializeShareMemory(key_t key1, key_t key2, key_t key3);
   bool ReadShareMemorySize(std::size_t* size);
   void WriteShareMemorySize(std::size_t size);
@@ -213,6 +213,11 @@ class TolvarAPI : public qel::ZU_Thread,
   bool readImage(int shm_index, tolvar::ImageRecords* image);
   void takeOverImage(tolvar::ImageRecords image);
   void useSegment(int shm_index);
+  bool acquireImageLock(int milliseconds);
+  void lockImage();
+  void lockImageForStart();
+  void refreshAttachments();
+  bool attachAgain(int shm_index);
   void ResizeShareMemory(int shm_index, std::size_t size);
   void keepContent(int shm_index, qel::ZU_Shm& old);
   void ResizeIpBuffer(int shm_index, std::size_t count);

@@ -50,6 +50,8 @@ void ZU_Shm::init(std::size_t size, key_t key, bool owner) {
   fail("shmget", key, EIDRM);
 }
 
+int ZU_Shm::idOf(key_t key) noexcept { return systemCalls().shmget(key, 0, 0); }
+
 bool ZU_Shm::attach(key_t key, bool readOnly) {
   detach();
   _owner = false;

@@ -26,6 +26,9 @@ class ZU_Shm {
   /// none; throws ZU_Exception on any other failure. Never creates.
   bool attach(key_t key, bool readOnly = false);
 
+  /// Identifier of the segment behind `key`, -1 when there is none or it cannot be had.
+  static int idOf(key_t key) noexcept;
+
   /// True when the last `init` created the segment.
   bool iscreate() const noexcept { return _created; }
 

@@ -8,11 +8,24 @@
 
 #include "include/TolvarAPI.h"
 #include "platform/clock.h"
+#include "platform/interprocess_lock.h"
 #include "src/index/lookup_snapshot.h"
 #include "src/index/snapshot_holder.h"
 #include "src/retry_backoff.h"
 
 namespace tolvar {
+
+/// Gives the image's lock back at the end of a scope, whether it was taken in it or not.
+class ImageHold {
+ public:
+  explicit ImageHold(qel::InterprocessLock& lock) : _lock(lock) {}
+  ~ImageHold() { _lock.release(); }
+  ImageHold(const ImageHold&) = delete;
+  ImageHold& operator=(const ImageHold&) = delete;
+
+ private:
+  qel::InterprocessLock& _lock;
+};
 
 /// The parts of a client that its header keeps to itself.
 struct ClientInternals {
@@ -40,8 +53,17 @@ struct ClientInternals {
 
   qel::Clock& clock;
 
-  /// What lookups read, never null. Published by the thread that publishes tables; read by any thread.
+  /// What lookups read, never null. Published by the thread that publishes tables; read by any
+  /// thread.
   SnapshotHolder<LookupSnapshot> tables;
+
+  /// Between the processes of the host: held while one publishes or starts, never during a remote
+  /// call, never by a lookup.
+  qel::InterprocessLock imageLock;
+  /// How long a publisher and a start wait for it, in milliseconds. A publication of millions of
+  /// ranges takes seconds; a holder that is stopped may take for ever.
+  int publisherLockMillis = 5000;
+  int starterLockMillis = 10000;
 
   /// The update thread has left its loop; guarded by the client's monitor.
   bool updateEnded = false;

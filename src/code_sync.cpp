@@ -43,6 +43,8 @@ bool TolvarAPI::checkCodeChangeRequest() {
     std::sort(codes.begin(), codes.end());
     const std::array<std::size_t, kCodeTables> counts = countByType(codes);
 
+    const tolvar::ImageHold hold(m_internals->imageLock);
+    lockImage();
     const int target = m_code_vector[0] == &m_code_vector_impl[0][0] ? 1 : 0;
     beginPublication(target, &MemoryHead::code_usable);
     for (int i = 0; i < kCodeTables; ++i)

@@ -6,6 +6,8 @@
 #include "src/segment_layout.h"
 
 void TolvarAPI::totalWriteData2Shm() {
+  const tolvar::ImageHold hold(m_internals->imageLock);
+  lockImage();
   const int target = m_vectorIP == &m_ip_vector_impl[0] ? 1 : 0;
   const std::size_t count = m_vIPProperty.size();
   TOLVAR_LOG(kLogDebug, __LINE__, "before sort. m_vIPProperty.size = " << count);
@@ -77,17 +79,16 @@ void TolvarAPI::takeDigest(const std::vector<ravel::IPAttribute>& ranges) {
 
 void TolvarAPI::beginPublication(int target, std::uint32_t MemoryHead::*half) {
   const int other = 1 - target;
-  if (!m_internals->imagesInSync) {
-    // An earlier publication did not reach its end. The half that is not about to be written must
-    // not come from a segment that it left unfinished, so the complete one is copied over first.
-    MemoryHead heads[2];
-    ReadMemoryHead(0, &heads[0]);
-    ReadMemoryHead(1, &heads[1]);
-    if (heads[other].ready()) {
-      mirrorImage(other, target);
-    } else if (heads[target].ready()) {
-      mirrorImage(target, other);
-    }
+  MemoryHead heads[2];
+  ReadMemoryHead(0, &heads[0]);
+  ReadMemoryHead(1, &heads[1]);
+  // An earlier publication, of this process or of one that was killed, may not have reached its
+  // end. The half that is not about to be written must not come from a segment that it left
+  // unfinished, and the only complete image is not written before there is a second one.
+  if (heads[other].ready() && (!m_internals->imagesInSync || !heads[target].ready())) {
+    mirrorImage(other, target);
+  } else if (heads[target].ready() && !heads[other].ready()) {
+    mirrorImage(target, other);
   }
   m_internals->imagesInSync = false;
   setHalf(target, half, kMemoryStatusPending);

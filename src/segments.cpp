@@ -90,6 +90,8 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
   m_shm_key[0] = key1;
   m_shm_key[1] = key2;
   m_shm_key[2] = key3;
+  const tolvar::ImageHold lockHold(m_internals->imageLock);
+  lockImageForStart();
 
   std::size_t total = 0;
   const bool recorded = ReadShareMemorySize(&total);

@@ -84,9 +84,12 @@ class RangeIndex {
   /// on a miss answers false and leaves `info` as it is. Does not branch on the outcome.
   bool lookup(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
     const std::uint32_t tuple = findTuple(ip);
-    const ravel::IPInfo* source = &this->info(tuple);
-    if (tuple == 0) source = info;  // a conditional move
-    *info = *source;
+    // On a miss the copy is from `info` to itself. The choice is arithmetic because compilers make a
+    // branch of a conditional one, and misses cannot be foretold.
+    const auto hit = reinterpret_cast<std::uintptr_t>(&this->info(tuple));
+    const auto miss = reinterpret_cast<std::uintptr_t>(info);
+    const std::uintptr_t onMiss = std::uintptr_t{0} - static_cast<std::uintptr_t>(tuple == 0);
+    *info = *reinterpret_cast<const ravel::IPInfo*>(hit ^ ((hit ^ miss) & onMiss));
     return tuple != 0;
   }
 

@@ -36,6 +36,7 @@ class ClientTestAccess {
   bool totalDownloadRequest() { return c.totalDownloadRequest(); }
   bool checkCodeChangeRequest() { return c.checkCodeChangeRequest(); }
   void totalWriteData2Shm() { c.totalWriteData2Shm(); }
+  std::string writeRanges(int target) { return c.writeRanges(target); }
   void CalculateMd5FromShareMemory() { c.CalculateMd5FromShareMemory(); }
   void run() { c.run(); }
 

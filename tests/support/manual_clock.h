@@ -26,8 +26,8 @@ class ManualClock final : public qel::Clock {
   /// Sets the wall clock only, as an operator or a time server does.
   void stepWall(std::int64_t milliseconds);
 
-  /// Blocks (in real time) until `count` threads wait on this clock. A wait whose deadline `advance`
-  /// has reached does not count, even when its thread has not woken up yet.
+  /// Blocks (in real time) until `count` threads wait on this clock. A wait whose deadline
+  /// `advance` has reached does not count, even when its thread has not woken up yet.
   void awaitWaiters(std::size_t count);
 
   std::size_t waiters() const;

@@ -51,7 +51,8 @@ Output::Output() {
 
 Output::~Output() {
   stop();
-  if (testing::Test::HasFailure()) std::printf("%s", _all.c_str());
+  const bool sanitizerSpoke = _all.find("Sanitizer") != std::string::npos;
+  if (testing::Test::HasFailure() || sanitizerSpoke) std::printf("%s", _all.c_str());
 }
 
 void Output::stop() {

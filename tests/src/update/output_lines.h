@@ -24,7 +24,8 @@ std::vector<std::string> textsAt(const OutputLines& lines, int number);
 std::vector<std::string> textsStarting(const OutputLines& lines, const std::string& start);
 
 /// Takes standard output and standard error for a scope, so that a test sees what the client writes
-/// before its log is up. When the test has failed, everything taken is printed at the end.
+/// before its log is up. When the test has failed or a sanitizer reported something,
+/// everything taken is printed at the end.
 class Output {
  public:
   Output();

@@ -1,0 +1,103 @@
+#include <algorithm>
+#include <cstring>
+
+#include "src/client_internals.h"
+#include "src/client_log.h"
+#include "src/segment_layout.h"
+
+namespace {
+
+/// A wait for the lock looks this often whether the client is to stop.
+constexpr int kRoundMillis = 100;
+
+}  // namespace
+
+/// Takes the lock that processes publish and start under. False when somebody else kept it for
+/// `milliseconds`, or the client is told to stop meanwhile.
+bool TolvarAPI::acquireImageLock(int milliseconds) {
+  if (m_shm_key[2] == 0) return true;  // no shared image yet
+  try {
+    int waited = 0;
+    do {
+      if (m_internals->imageLock.acquire(m_shm_key[2], kRoundMillis)) return true;
+      waited += kRoundMillis;
+    } while (waited < milliseconds && !m_terminated);
+    return false;
+  } catch (const qel::ZU_Exception& error) {
+    // A host without semaphores is served as well as it can be: by one publisher at a time.
+    TOLVAR_LOG(kLogWarn, __LINE__, "share memory is used without its lock: " << error.what());
+    return true;
+  }
+}
+
+void TolvarAPI::lockImage() {
+  if (!acquireImageLock(m_internals->publisherLockMillis)) {
+    throw qel::ZU_Exception("another process holds the lock of the share memory; trying again");
+  }
+  refreshAttachments();
+}
+
+void TolvarAPI::lockImageForStart() {
+  if (!acquireImageLock(m_internals->starterLockMillis)) {
+    TOLVAR_LOG(kLogError, __LINE__,
+               "another process has held the lock of the share memory for "
+                   << m_internals->starterLockMillis << " ms; starting without it");
+  }
+}
+
+/// Another process may have replaced a segment by a larger one, or moved regions in place, since
+/// this one attached to it; an operator may have removed it.
+void TolvarAPI::refreshAttachments() {
+  if (m_shm_key[2] == 0) return;
+  bool anyReady = false;
+  bool anyLaid = false;
+  for (int shm_index = 0; shm_index < 2; ++shm_index) {
+    if (!attachAgain(shm_index)) {
+      MemoryHead unknown;
+      unknown.ip_usable = kMemoryStatusUnknown;
+      unknown.code_usable = kMemoryStatusUnknown;
+      WriteMemoryHead(shm_index, unknown);
+      layRegions(shm_index, m_shm[shm_index].size(), false);
+      m_internals->imagesInSync = false;
+      anyLaid = true;
+    }
+    ReadMemoryHead(shm_index, &m_memory_head[shm_index]);
+    anyReady = anyReady || m_memory_head[shm_index].ready();
+  }
+  // With no complete image left, the names have to be written anew as well.
+  if (anyLaid && !anyReady) m_isCheckingCode = true;
+}
+
+/// Makes the segment behind the key the one in use. True when its regions are in order, false when
+/// they must be laid anew.
+bool TolvarAPI::attachAgain(int shm_index) {
+  qel::ZU_Shm& shm = m_shm[shm_index];
+  const key_t key = m_shm_key[shm_index];
+  if (shm.getPointer() != nullptr && qel::ZU_Shm::idOf(key) == shm.id())
+    return connectRegions(shm_index);
+  TOLVAR_LOG(kLogInfo, __LINE__,
+             "share memory was replaced, attaching to it again. shm_index=" << shm_index);
+  qel::ZU_Shm old;
+  old.swap(shm);
+  try {
+    attachSegment(shm_index, std::max(old.size(), tolvar::defaultSegmentBytes()));
+  } catch (const qel::ZU_Exception& error) {
+    if (old.getPointer() == nullptr) throw;
+    TOLVAR_LOG(kLogError, __LINE__,
+               "cannot attach to share memory again, no other process sees what is published. "
+               "shm_index="
+                   << shm_index << ", " << error.what());
+    shm.detach();
+    shm.swap(old);
+    return connectRegions(shm_index);
+  }
+  if (shm.iscreate() && old.getPointer() != nullptr && old.size() <= shm.size()) {
+    // It was removed, but this process still has its content.
+    MemoryHead head;
+    std::memcpy(&head, old.getPointer(), sizeof head);
+    std::memcpy(static_cast<char*>(shm.getPointer()) + sizeof head,
+                static_cast<const char*>(old.getPointer()) + sizeof head, old.size() - sizeof head);
+    WriteMemoryHead(shm_index, head);
+  }
+  return connectRegions(shm_index);
+}
