@@ -9,6 +9,7 @@
 
 #include "service/address_text.h"
 #include "service/csv_reader.h"
+#include "service/label_names.h"
 #include "service/table_builder.h"
 
 namespace tolvar::service {
@@ -33,12 +34,6 @@ enum Column : std::size_t {
 constexpr std::array<std::string_view, kColumns> kColumnNames{
     "start",    "end",    "network", "country", "province", "city",
     "district", "extend", "oper",    "nettype", "apn",      "flable"};
-
-/// Texts of the labels 1 to 15, as lookups name them.
-constexpr std::array<std::string_view, 15> kLabels{
-    "FROM_QK", "FROM_RTL",    "FROM_RTL_HMV", "FROM_PLEX1", "FROM_PLEX2",
-    "FROM_JN", "FROM_JN_HVM", "FROM_ORB",     "FROM_YAT",   "FROM_KV",
-    "RTL",     "JN",          "TZ",           "KV",         "PLEX"};
 
 bool equalsIgnoringCase(std::string_view text, std::string_view lowerCase) {
   return std::equal(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
@@ -171,10 +166,10 @@ class RowReader {
 
   bool readLabel(const CsvField& field, TableBuilder::Row& row) {
     if (field.text.empty()) return true;
-    const auto label = std::find(kLabels.begin(), kLabels.end(), field.text);
-    const auto number = parseNumber(field.text, kLabels.size());
-    if (label != kLabels.end()) {
-      row.flable = static_cast<std::uint32_t>(label - kLabels.begin() + 1);
+    const auto label = std::find(kLabelNames.begin(), kLabelNames.end(), field.text);
+    const auto number = parseNumber(field.text, kLabelNames.size());
+    if (label != kLabelNames.end()) {
+      row.flable = static_cast<std::uint32_t>(label - kLabelNames.begin() + 1);
     } else if (number && *number != 0) {
       row.flable = *number;
     } else {

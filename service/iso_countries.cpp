@@ -112,4 +112,11 @@ std::optional<Country> IsoCountries::find(std::string_view text) const {
   return Country{known->second, _names.at(known->second), false, true};
 }
 
+std::optional<std::string> IsoCountries::codeOf(std::int64_t id) const {
+  for (const auto& [code, number] : _byCode) {
+    if (number == id && code.size() == 2) return code;
+  }
+  return std::nullopt;
+}
+
 }  // namespace tolvar::service

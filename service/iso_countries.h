@@ -46,6 +46,9 @@ class IsoCountries {
   /// case does not matter). A name that ISO 3166-1 knows means its country there.
   std::optional<Country> find(std::string_view text) const;
 
+  /// The two-letter code of a listed country; nothing for other ids.
+  std::optional<std::string> codeOf(std::int64_t id) const;
+
  private:
   void addName(std::int64_t id, const std::string& name);
 

@@ -88,8 +88,11 @@ class LookupService {
   void reportCounts(const std::vector<ravel::ReportCount>& counts, std::uint64_t dropped);
   void reportLines(const std::vector<std::string>& lines, std::uint64_t dropped);
 
-  /// What clients have reported since the service began.
+  /// What clients have reported since the service began, or since the last takeUsage.
   Usage usage() const { return _usage.snapshot(); }
+
+  /// Gives what clients have reported away, to be kept elsewhere, and forgets it.
+  Usage takeUsage() { return _usage.take(); }
 
  private:
   std::shared_ptr<const TableVersion> currentOrThrow() const;

@@ -39,6 +39,20 @@ void UsageLog::addLines(const std::vector<std::string>& lines, std::uint64_t dro
 
 Usage UsageLog::snapshot() const {
   const std::lock_guard lock(_mutex);
+  return copyLocked();
+}
+
+Usage UsageLog::take() {
+  const std::lock_guard lock(_mutex);
+  Usage usage = copyLocked();
+  _hits.clear();
+  _lines.clear();
+  _droppedHits = 0;
+  _droppedLines = 0;
+  return usage;
+}
+
+Usage UsageLog::copyLocked() const {
   Usage usage;
   usage.counts.reserve(_hits.size());
   for (const auto& [key, hits] : _hits) {

@@ -27,6 +27,10 @@ struct Usage {
   std::vector<std::string> lines;          ///< oldest first
   std::uint64_t droppedHits = 0;
   std::uint64_t droppedLines = 0;
+
+  bool isEmpty() const noexcept {
+    return counts.empty() && lines.empty() && droppedHits == 0 && droppedLines == 0;
+  }
 };
 
 /// Sums hits per (type, name) and keeps the last sampled lines, in bounded memory. Sums saturate.
@@ -41,7 +45,12 @@ class UsageLog {
   /// Copy of everything remembered.
   Usage snapshot() const;
 
+  /// Gives everything remembered away and forgets it.
+  Usage take();
+
  private:
+  Usage copyLocked() const;
+
   const UsageLimits _limits;
   mutable std::mutex _mutex;
   // Guarded by _mutex.

@@ -12,10 +12,11 @@ inline constexpr int kSchemaVersion = 1;
 inline constexpr const char* kSchema = R"sql(
 CREATE TABLE dataset (
   dataset    INTEGER PRIMARY KEY,
-  digest     TEXT    NOT NULL,
+  digest     TEXT    NOT NULL,  -- of the ranges; clients compare it
   ranges     INTEGER NOT NULL,
   addresses  INTEGER NOT NULL,
-  codes      INTEGER NOT NULL
+  codes      INTEGER NOT NULL,
+  codes_digest TEXT  NOT NULL
 );
 
 CREATE TABLE version (

@@ -2,7 +2,42 @@
 
 #include <sqlite3.h>
 
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
 namespace tolvar::service {
+namespace {
+
+std::string causeOf(sqlite3* handle) {
+  const int error = sqlite3_system_errno(handle);
+  const std::string cause = sqlite3_errmsg(handle);
+  return error == 0 ? cause : cause + ", " + std::generic_category().message(error);
+}
+
+/// What went wrong, and what to do about it.
+std::string explained(sqlite3* handle) {
+  switch (sqlite3_errcode(handle)) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED: return "another process is writing to it; try again when it is done";
+    case SQLITE_FULL:
+      return "no space is left for it (" + causeOf(handle) +
+             "); nothing was changed: free space and try again";
+    case SQLITE_IOERR:
+      return "it cannot be read or written (" + causeOf(handle) +
+             "); nothing was changed: look at the disk and try again";
+    case SQLITE_NOTADB:
+    case SQLITE_CORRUPT:
+      return "the file is damaged or is no database (" + causeOf(handle) +
+             "); restore it from a backup, or import into a new one";
+    case SQLITE_READONLY: return "it cannot be written (" + causeOf(handle) + ")";
+    case SQLITE_CANTOPEN:
+      return "it cannot be opened (" + causeOf(handle) + "); look at the path and its permissions";
+    default: return causeOf(handle);
+  }
+}
+
+}  // namespace
 
 void SqliteConnection::Closer::operator()(sqlite3* handle) const noexcept {
   sqlite3_close_v2(handle);
@@ -15,19 +50,31 @@ SqliteConnection::SqliteConnection(const std::string& path, Mode mode) : _path(p
   sqlite3* handle = nullptr;
   const int result = sqlite3_open_v2(path.c_str(), &handle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
   _handle.reset(handle);
-  if (result != SQLITE_OK) fail("cannot be opened");
-  sqlite3_extended_result_codes(handle, 1);
-  sqlite3_busy_timeout(handle, kBusyMillis);
+  if (result != SQLITE_OK) {
+    std::error_code ignored;
+    if (mode != Mode::Create && !std::filesystem::exists(path, ignored))
+      throw StoreError(path + ": there is no such file; an import makes it");
+    fail();
+  }
+  setBusyMillis(kBusyMillis);
 }
 
-void SqliteConnection::fail(const std::string& step) const {
-  const std::string cause = _handle ? sqlite3_errmsg(_handle.get()) : "out of memory";
-  throw StoreError(_path + ": " + step + ": " + cause);
+void SqliteConnection::fail() const {
+  throw StoreError(_path + ": " + (_handle ? explained(_handle.get()) : "out of memory"));
+}
+
+void SqliteConnection::setBusyMillis(int millis) { sqlite3_busy_timeout(_handle.get(), millis); }
+
+void SqliteConnection::interrupt() noexcept { sqlite3_interrupt(_handle.get()); }
+
+std::int64_t SqliteConnection::changes() const noexcept { return sqlite3_changes(_handle.get()); }
+
+bool SqliteConnection::inTransaction() const noexcept {
+  return sqlite3_get_autocommit(_handle.get()) == 0;
 }
 
 void SqliteConnection::execute(const char* sql) {
-  if (sqlite3_exec(_handle.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK)
-    fail("a statement failed");
+  if (sqlite3_exec(_handle.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail();
 }
 
 std::optional<std::int64_t> SqliteConnection::number(const char* sql) {
@@ -45,27 +92,26 @@ SqliteStatement::SqliteStatement(const SqliteConnection& connection, const char*
   sqlite3_stmt* statement = nullptr;
   const int result = sqlite3_prepare_v2(connection.handle(), sql, -1, &statement, nullptr);
   _statement.reset(statement);
-  check(result, "a statement was refused");
+  check(result);
 }
 
-void SqliteStatement::check(int result, const char* step) const {
-  if (result != SQLITE_OK) _connection.fail(step);
+void SqliteStatement::check(int result) const {
+  if (result != SQLITE_OK) _connection.fail();
 }
 
 void SqliteStatement::bind(int index, std::int64_t value) {
-  check(sqlite3_bind_int64(_statement.get(), index, value), "a parameter was refused");
+  check(sqlite3_bind_int64(_statement.get(), index, value));
 }
 
 void SqliteStatement::bind(int index, std::string_view value) {
   check(sqlite3_bind_text64(_statement.get(), index, value.data(), value.size(), SQLITE_TRANSIENT,
-                            SQLITE_UTF8),
-        "a parameter was refused");
+                            SQLITE_UTF8));
 }
 
 bool SqliteStatement::step() {
   const int result = sqlite3_step(_statement.get());
   if (result == SQLITE_ROW) return true;
-  if (result != SQLITE_DONE) _connection.fail("a statement failed");
+  if (result != SQLITE_DONE) _connection.fail();
   return false;
 }
 
@@ -99,6 +145,15 @@ SqliteTransaction::~SqliteTransaction() {
 void SqliteTransaction::commit() {
   _connection.execute("COMMIT");
   _open = false;
+}
+
+SqliteSnapshot::SqliteSnapshot(SqliteConnection& connection)
+    : _connection(connection), _owns(!connection.inTransaction()) {
+  if (_owns) _connection.execute("BEGIN");
+}
+
+SqliteSnapshot::~SqliteSnapshot() {
+  if (_owns) sqlite3_exec(_connection.handle(), "COMMIT", nullptr, nullptr, nullptr);
 }
 
 }  // namespace tolvar::service

@@ -19,10 +19,10 @@ class StoreError : public std::runtime_error {
 };
 
 /// A connection to one SQLite file. Used by one thread at a time; several connections, in several
-/// processes, may be open at once and wait up to kBusyMillis for each other.
+/// processes, may be open at once. A writer waits for another for up to kBusyMillis.
 class SqliteConnection {
  public:
-  static constexpr int kBusyMillis = 5000;
+  static constexpr int kBusyMillis = 30000;
 
   enum class Mode { ReadOnly, ReadWrite, Create };
 
@@ -32,14 +32,26 @@ class SqliteConnection {
   /// Runs statements without parameters or results.
   void execute(const char* sql);
 
+  /// How long to wait for another writer, in milliseconds.
+  void setBusyMillis(int millis);
+
+  /// Makes what this connection does now fail soon. May be called from any thread.
+  void interrupt() noexcept;
+
+  /// Rows that the last statement inserted, changed or removed.
+  std::int64_t changes() const noexcept;
+
+  /// True inside a transaction.
+  bool inTransaction() const noexcept;
+
   /// First column of the first row, nothing without a row.
   std::optional<std::int64_t> number(const char* sql);
 
   sqlite3* handle() const noexcept { return _handle.get(); }
   const std::string& path() const noexcept { return _path; }
 
-  /// Throws StoreError with what the connection says of its last failure.
-  [[noreturn]] void fail(const std::string& step) const;
+  /// Throws StoreError: the file, what failed, and what to do about it.
+  [[noreturn]] void fail() const;
 
  private:
   struct Closer {
@@ -84,7 +96,7 @@ class SqliteStatement {
   void bind(int index, std::uint32_t value) { bind(index, static_cast<std::int64_t>(value)); }
   void bind(int index, int value) { bind(index, static_cast<std::int64_t>(value)); }
   void bind(int index, const std::string& value) { bind(index, std::string_view(value)); }
-  void check(int result, const char* step) const;
+  void check(int result) const;
 
   struct Finalizer {
     void operator()(sqlite3_stmt* statement) const noexcept;
@@ -106,6 +118,20 @@ class SqliteTransaction {
  private:
   SqliteConnection& _connection;
   bool _open = true;
+};
+
+/// Lets all reads within a scope see one state of the database, whatever others write meanwhile.
+/// Within a transaction it adds nothing.
+class SqliteSnapshot {
+ public:
+  explicit SqliteSnapshot(SqliteConnection& connection);
+  ~SqliteSnapshot();
+  SqliteSnapshot(const SqliteSnapshot&) = delete;
+  SqliteSnapshot& operator=(const SqliteSnapshot&) = delete;
+
+ private:
+  SqliteConnection& _connection;
+  const bool _owns;
 };
 
 }  // namespace tolvar::service

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "service/id_registry.h"
+#include "service/iso_countries.h"
+#include "service/table_version.h"
+
+namespace tolvar::service {
+
+/// The table as CSV that csv_importer.h reads: comment lines with the ids given to names, a header,
+/// one line a range. Imported with these ids, it gives the same table: same ranges, same ids, same
+/// names, same digest.
+///
+/// Throws std::runtime_error when the table holds what CSV cannot carry: ids without a name, ids
+/// that the registry gives to no name.
+std::string exportCsv(const TableVersion& table, const IdRegistry& ids,
+                      const std::string& isoCountriesPath = kIsoCountriesPath);
+
+/// The ids in the comment lines that begin a file; empty when there are none. `text` may be the
+/// beginning of the file. Throws std::invalid_argument naming the line that is wrong.
+IdRegistry exportedIds(std::string_view text);
+
+/// The same from the file `path`; empty when it is no regular file. Throws std::runtime_error.
+IdRegistry exportedIdsOf(const std::string& path);
+
+/// Adds to `own` the entries of `other` that it has room for: an entry whose name has another id,
+/// or whose id another name, stays out, and so do places below it. Answers how many stayed out.
+std::size_t mergeIds(IdRegistry& own, const IdRegistry& other);
+
+}  // namespace tolvar::service

@@ -1,0 +1,164 @@
+#include <gmock/gmock.h>
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "service/store/table_store.h"
+#include "tests/service_store/store_support.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using tolvar_test::kOneRow;
+using tolvar_test::kTwoRows;
+using namespace tolvar::service;
+
+class StoreFaults : public testing::Test, public tolvar_test::StoreFixture {
+ protected:
+  std::string failure(TableStore::Mode mode) const {
+    try {
+      open(mode);
+    } catch (const StoreError& error) {
+      return error.what();
+    }
+    return "";
+  }
+
+  /// Changes the file behind the store's back.
+  void tamper(const char* sql) const {
+    sqlite3* handle = nullptr;
+    ASSERT_EQ(sqlite3_open(path().c_str(), &handle), SQLITE_OK);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closing(handle, sqlite3_close);
+    ASSERT_EQ(sqlite3_exec(handle, sql, nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(handle);
+  }
+};
+
+TEST_F(StoreFaults, AnAbsentFileIsNotMadeByReading) {
+  for (const auto mode : {TableStore::Mode::ReadOnly, TableStore::Mode::ReadWrite})
+    EXPECT_THAT(failure(mode), AllOf(HasSubstr(path()), HasSubstr("no such file")));
+  EXPECT_FALSE(std::filesystem::exists(path()));
+}
+
+TEST_F(StoreFaults, GarbageIsNoDatabaseAndStaysAsItIs) {
+  const std::string garbage(5000, 'g');
+  tolvar_test::writeFile(path(), garbage);
+  for (const auto mode :
+       {TableStore::Mode::ReadOnly, TableStore::Mode::ReadWrite, TableStore::Mode::Create}) {
+    EXPECT_THAT(failure(mode), AllOf(HasSubstr(path()), HasSubstr("no database")));
+  }
+  EXPECT_EQ(tolvar_test::readFile(path()), garbage);
+}
+
+TEST_F(StoreFaults, ADatabaseOfSomethingElseIsRefused) {
+  tamper("CREATE TABLE theirs (x)");
+  EXPECT_THAT(failure(TableStore::Mode::Create), HasSubstr("another program"));
+}
+
+TEST_F(StoreFaults, ANewerSchemaIsRefused) {
+  open();
+  tamper("PRAGMA user_version = 1000");
+  EXPECT_THAT(failure(TableStore::Mode::ReadOnly), HasSubstr("newer version"));
+}
+
+TEST_F(StoreFaults, AnEmptyFileIsFilledByAnImportOnly) {
+  tolvar_test::writeFile(path(), "");
+  EXPECT_THAT(failure(TableStore::Mode::ReadOnly), HasSubstr("empty"));
+  TableStore store = open();
+  EXPECT_EQ(import(store, kOneRow).number, 1);
+}
+
+TEST_F(StoreFaults, ADirectoryIsNoDatabase) {
+  std::filesystem::create_directory(path());
+  EXPECT_THAT(failure(TableStore::Mode::Create), HasSubstr(path()));
+}
+
+TEST_F(StoreFaults, ChangedRangesAreFound) {
+  TableStore store = open();
+  import(store, kTwoRows);
+  EXPECT_THAT(store.check(), IsEmpty());
+  tamper("UPDATE ip_range SET oper = 77 WHERE sequence = 2");
+  EXPECT_THAT(store.check(),
+              testing::ElementsAre(AllOf(HasSubstr("version 1 is damaged"), HasSubstr("digest"))));
+  EXPECT_THROW(store.load(*store.newest()), StoreError);
+}
+
+TEST_F(StoreFaults, ChangedNamesAreFound) {
+  TableStore store = open();
+  import(store, kTwoRows);
+  tamper("UPDATE code SET name = 'Falsch' WHERE name = 'Netz'");
+  EXPECT_THAT(store.check(), testing::ElementsAre(HasSubstr("codes are not those")));
+}
+
+TEST_F(StoreFaults, OverlappingRangesAreFound) {
+  TableStore store = open();
+  import(store, kTwoRows);
+  tamper("UPDATE ip_range SET start_ip = 16777217 WHERE sequence = 2");
+  EXPECT_THAT(store.check(), testing::ElementsAre(HasSubstr("overlap")));
+}
+
+TEST_F(StoreFaults, IdsThatContradictEachOtherAreFound) {
+  TableStore store = open();
+  import(store, kOneRow);
+  tamper("UPDATE assigned_id SET parent = -5, type = 60");
+  EXPECT_NO_THROW(store.ids());
+  tamper("DROP TABLE assigned_id");
+  EXPECT_THROW(store.ids(), StoreError);
+}
+
+TEST_F(StoreFaults, AnotherWriterIsNamedAsTheReason) {
+  TableStore store = open();
+  sqlite3* handle = nullptr;
+  ASSERT_EQ(sqlite3_open(path().c_str(), &handle), SQLITE_OK);
+  const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closing(handle, sqlite3_close);
+  ASSERT_EQ(sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  store.relaxWrites(1);
+  Usage usage;
+  usage.lines = {"x"};
+  try {
+    store.addUsage(usage, {});
+    FAIL() << "it was written";
+  } catch (const StoreError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("another process is writing"));
+  }
+  ASSERT_EQ(sqlite3_exec(handle, "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
+  store.addUsage(usage, {});
+  EXPECT_EQ(store.usage().lines.size(), 1u);
+}
+
+TEST_F(StoreFaults, AnInterruptedReadFailsAndTheNextOneWorks) {
+  TableStore store = open();
+  import(store, kTwoRows);
+  EXPECT_THROW(store.loadNewest([&](const StoredVersion&) -> bool {
+    throw StoreError("stopped while reading");
+  }),
+               StoreError);
+  EXPECT_EQ(store.loadNewest([](const StoredVersion&) { return false; })->table->ranges().size(),
+            2u);
+}
+
+TEST_F(StoreFaults, TheStockProgramReadsNamesAndQuads) {
+  TableStore store = open();
+  import(store, kTwoRows);
+  sqlite3* handle = nullptr;
+  ASSERT_EQ(sqlite3_open(path().c_str(), &handle), SQLITE_OK);
+  const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closing(handle, sqlite3_close);
+  sqlite3_stmt* statement = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(handle,
+                               "SELECT start || ' ' || end || ' ' || country || ' ' || oper "
+                               "FROM range_text ORDER BY sequence",
+                               -1, &statement, nullptr),
+            SQLITE_OK)
+      << sqlite3_errmsg(handle);
+  const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finishing(statement,
+                                                                        sqlite3_finalize);
+  ASSERT_EQ(sqlite3_step(statement), SQLITE_ROW);
+  EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)),
+               "1.0.0.0 1.0.0.255 Germany Funk");
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/temp_dir.h"
+#include "tests/tools/run_tool.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using tolvar_test::ToolRun;
+
+constexpr const char* kHalf = "start,end,country\n1.0.0.0,1.0.0.255,DE\n2.0.0.0,2.0.0.255,FR\n";
+
+class Tolvard : public testing::Test {
+ protected:
+  /// Runs it on the test's database.
+  ToolRun run(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.end(), {"--db", database()});
+    return tolvar_test::runTool(TOLVARD, arguments);
+  }
+
+  nlohmann::json json(std::vector<std::string> arguments) const {
+    arguments.push_back("--json");
+    const ToolRun result = run(arguments);
+    return nlohmann::json::parse(result.out, nullptr, false);
+  }
+
+  std::string file(const std::string& name, const std::string& text) const {
+    tolvar_test::writeFile(directory.file(name), text);
+    return directory.file(name);
+  }
+
+  std::string database() const { return directory.file("t.db"); }
+  std::size_t versionCount() const { return json({"versions"}).size(); }
+
+  const tolvar_test::TempDir directory;
+};
+
+TEST_F(Tolvard, ImportsAndListsVersions) {
+  const ToolRun first = run({"import", TOLVAR_SAMPLE});
+  EXPECT_EQ(first.exitStatus, 0) << first.err;
+  EXPECT_THAT(first.out, HasSubstr("imported as version 1"));
+  EXPECT_EQ(run({"import", "--force", file("half.csv", kHalf)}).exitStatus, 0);
+  const auto versions = json({"versions"});
+  ASSERT_EQ(versions.size(), 2u);
+  EXPECT_EQ(versions[1]["ranges"], 2);
+  EXPECT_EQ(versions[1]["addresses"], 512);
+  EXPECT_EQ(versions[0]["served"], false);
+  EXPECT_EQ(versions[1]["served"], true);
+  EXPECT_THAT(run({"versions"}).out, AllOf(HasSubstr("sample.csv"), HasSubstr("half.csv")));
+}
+
+TEST_F(Tolvard, RefusesAnImportThatLosesMuch) {
+  run({"import", TOLVAR_SAMPLE});
+  const std::string half = file("half.csv", kHalf);
+  const ToolRun dry = run({"import", "--dry-run", half});
+  EXPECT_EQ(dry.exitStatus, 1);
+  EXPECT_THAT(dry.err, AllOf(HasSubstr("would be refused"), HasSubstr("fewer ranges")));
+  const ToolRun refused = run({"import", half});
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_THAT(refused.err, AllOf(HasSubstr("% fewer ranges"), HasSubstr("2 instead of 40"),
+                                 HasSubstr("nothing was changed"), HasSubstr("--force")));
+  EXPECT_EQ(versionCount(), 1u);
+  const auto result = json({"import", half});
+  EXPECT_EQ(result["result"], "refused");
+  EXPECT_EQ(result["objections"].size(), 2u);
+}
+
+TEST_F(Tolvard, RefusesAnEmptyImport) {
+  const std::string empty = file("empty.csv", "start,end\n");
+  EXPECT_EQ(run({"import", empty}).exitStatus, 1);
+  EXPECT_FALSE(std::filesystem::exists(database()));
+  EXPECT_EQ(run({"import", "--force", empty}).exitStatus, 0);
+  EXPECT_EQ(versionCount(), 1u);
+}
+
+TEST_F(Tolvard, ADryRunWritesNothing) {
+  const ToolRun dry = run({"import", "--dry-run", TOLVAR_SAMPLE});
+  EXPECT_EQ(dry.exitStatus, 0) << dry.err;
+  EXPECT_THAT(dry.out, HasSubstr("would be imported"));
+  EXPECT_FALSE(std::filesystem::exists(database()));
+}
+
+TEST_F(Tolvard, TheSameTableAgainIsNoNewVersion) {
+  run({"import", TOLVAR_SAMPLE});
+  const ToolRun again = run({"import", TOLVAR_SAMPLE});
+  EXPECT_EQ(again.exitStatus, 0);
+  EXPECT_THAT(again.out, HasSubstr("nothing to do"));
+  EXPECT_EQ(versionCount(), 1u);
+  EXPECT_EQ(run({"import", "--force", TOLVAR_SAMPLE}).exitStatus, 0);
+  EXPECT_EQ(versionCount(), 2u);
+}
+
+TEST_F(Tolvard, KeepsAsManyVersionsAsTold) {
+  for (int i = 0; i < 4; ++i) run({"import", "--force", "--keep", "2", TOLVAR_SAMPLE});
+  EXPECT_EQ(versionCount(), 2u);
+}
+
+TEST_F(Tolvard, ABadFileNamesItsLineAndChangesNothing) {
+  run({"import", TOLVAR_SAMPLE});
+  const ToolRun bad = run({"import", file("bad.csv", "start,end\n1.2.3.4,1.2.3.400\n")});
+  EXPECT_EQ(bad.exitStatus, 2);
+  EXPECT_THAT(bad.err, AllOf(HasSubstr("bad.csv:2:9"), HasSubstr("1.2.3.400")));
+  EXPECT_EQ(run({"import", directory.file("absent.csv")}).exitStatus, 2);
+  EXPECT_EQ(versionCount(), 1u);
+}
+
+TEST_F(Tolvard, NamesThatChangeAloneAreWarnedAbout) {
+  run({"import", file("a.csv", "start,end,country\n1.0.0.0,1.0.0.1,Germany\n")});
+  const ToolRun named =
+      run({"import", file("b.csv", "start,end,country\n1.0.0.0,1.0.0.1,GERMANY\n")});
+  EXPECT_EQ(named.exitStatus, 0);
+  EXPECT_THAT(named.err, HasSubstr("only names differ"));
+}
+
+TEST_F(Tolvard, RollsBack) {
+  run({"import", TOLVAR_SAMPLE});
+  run({"import", "--force", file("half.csv", kHalf)});
+  const ToolRun back = run({"rollback", "1"});
+  EXPECT_EQ(back.exitStatus, 0) << back.err;
+  const auto versions = json({"versions"});
+  ASSERT_EQ(versions.size(), 3u);
+  EXPECT_EQ(versions[2]["digest"], versions[0]["digest"]);
+  EXPECT_GT(versions[2]["timesTamp"], versions[1]["timesTamp"]);
+  EXPECT_THAT(run({"rollback", "3"}).out, HasSubstr("nothing to do"));
+  const ToolRun absent = run({"rollback", "99"});
+  EXPECT_EQ(absent.exitStatus, 2);
+  EXPECT_THAT(absent.err, HasSubstr("no version 99"));
+}
+
+TEST_F(Tolvard, AnExportImportsToTheSameAndExportsToTheSameBytes) {
+  run({"import", file("first.csv", "start,end,oper\n9.0.0.0,9.0.0.9,Zeta\n")});
+  run({"import", "--force", TOLVAR_SAMPLE});  // ids now depend on the history
+  const std::string exported = directory.file("out.csv");
+  EXPECT_EQ(run({"export", exported}).exitStatus, 0);
+  EXPECT_EQ(run({"export"}).out, tolvar_test::readFile(exported));
+
+  const std::string other = directory.file("other.db");
+  const ToolRun import = tolvar_test::runTool(TOLVARD, {"import", exported, "--db", other});
+  EXPECT_EQ(import.exitStatus, 0) << import.err;
+  const ToolRun again = tolvar_test::runTool(TOLVARD, {"export", "--db", other});
+  EXPECT_EQ(again.out, tolvar_test::readFile(exported));
+  EXPECT_THAT(run({"export", "--version", "1"}).out, HasSubstr("9.0.0.0,9.0.0.9,,,,,,Zeta"));
+}
+
+TEST_F(Tolvard, AnExportThatCannotBeWrittenLeavesTheOldFile) {
+  run({"import", TOLVAR_SAMPLE});
+  const ToolRun nowhere = run({"export", directory.file("absent/out.csv")});
+  EXPECT_EQ(nowhere.exitStatus, 2);
+  EXPECT_THAT(nowhere.err, HasSubstr("cannot be written"));
+  EXPECT_EQ(run({"export", "--version", "7"}).exitStatus, 2);
+}
+
+TEST_F(Tolvard, TheConfigurationRaisesItsVersion) {
+  run({"import", TOLVAR_SAMPLE});
+  EXPECT_EQ(json({"conf", "get"})["confVersion"], 1);
+  const auto set = json({"conf", "set", "statisOpen=true", "simpleLogCitys=Altenhafen"});
+  EXPECT_EQ(set["confVersion"], 2);
+  EXPECT_EQ(json({"conf", "set", "statisOpen=true"})["confVersion"], 2);
+  EXPECT_EQ(json({"conf", "get"})["simpleLogCitys"][0], "Altenhafen");
+  EXPECT_THAT(run({"conf", "get"}).out, HasSubstr("logBufferLimit  1000"));
+  // One bad field, and the good one before it is not stored either.
+  const ToolRun bad = run({"conf", "set", "statisOpen=false", "simplingRate=x"});
+  EXPECT_EQ(bad.exitStatus, 2);
+  EXPECT_EQ(json({"conf", "get"})["statisOpen"], true);
+}
+
+TEST_F(Tolvard, ChecksAndShowsUsage) {
+  run({"import", TOLVAR_SAMPLE});
+  const ToolRun check = run({"check"});
+  EXPECT_EQ(check.exitStatus, 0);
+  EXPECT_THAT(check.out, HasSubstr("intact, 1 version"));
+  EXPECT_THAT(run({"usage"}).out, HasSubstr("no hits"));
+  EXPECT_THAT(json({"usage"})["hits"], IsEmpty());
+}
+
+TEST_F(Tolvard, BadFlagsAndAbsentDatabasesAreSaid) {
+  for (const char* command : {"versions", "check", "usage", "export"}) {
+    const ToolRun result = run({command});
+    EXPECT_EQ(result.exitStatus, 2) << command;
+    EXPECT_THAT(result.err, HasSubstr("no such file")) << command;
+  }
+  EXPECT_EQ(run({"import"}).exitStatus, 2);
+  EXPECT_EQ(run({"import", TOLVAR_SAMPLE, "--keep", "0"}).exitStatus, 2);
+  EXPECT_EQ(run({"nonsense"}).exitStatus, 2);
+  EXPECT_FALSE(std::filesystem::exists(database()));
+}
+
+}  // namespace

@@ -1,0 +1,62 @@
+#include "tools/tolvard/serve/listen_address.h"
+
+#include <arpa/inet.h>
+
+#include <optional>
+#include <stdexcept>
+
+#include "service/address_text.h"
+#include "service/text_source.h"
+
+namespace tolvar::tools {
+namespace {
+
+constexpr std::uint32_t kLoopbackNetwork = 127;
+
+bool isLocalHost(const std::string& host) {
+  in6_addr six{};
+  if (inet_pton(AF_INET6, host.c_str(), &six) == 1) return IN6_IS_ADDR_LOOPBACK(&six);
+  in_addr four{};
+  if (inet_pton(AF_INET, host.c_str(), &four) == 1)
+    return ntohl(four.s_addr) >> 24 == kLoopbackNetwork;
+  return host == "localhost";
+}
+
+[[noreturn]] void refuse(const std::string& text) {
+  throw std::invalid_argument(service::quoted(text) +
+                              " is no address to listen on; expected HOST:PORT with a port from 0 "
+                              "to 65535, [IPV6]:PORT or unix:PATH");
+}
+
+}  // namespace
+
+std::string ListenAddress::withPort(int real) const {
+  if (host.empty()) return text;
+  const bool isSix = host.find(':') != std::string::npos;
+  return (isSix ? "[" + host + "]" : host) + ":" + std::to_string(real);
+}
+
+ListenAddress parseListenAddress(const std::string& text) {
+  ListenAddress address;
+  address.text = text;
+  if (text.starts_with("unix:")) {
+    if (text.size() == 5) refuse(text);
+    address.isLocal = true;
+    return address;
+  }
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) refuse(text);
+  address.host = text.substr(0, colon);
+  const bool isBracketed = address.host.starts_with('[') && address.host.ends_with(']');
+  if (isBracketed) address.host = address.host.substr(1, address.host.size() - 2);
+  in6_addr six{};
+  const bool isSix = inet_pton(AF_INET6, address.host.c_str(), &six) == 1;
+  if (isBracketed != isSix || address.host.empty()) refuse(text);
+  const auto port = service::parseNumber(std::string_view(text).substr(colon + 1), 65535);
+  if (!port) refuse(text);
+  address.port = static_cast<int>(*port);
+  address.isLocal = isLocalHost(address.host);
+  return address;
+}
+
+}  // namespace tolvar::tools

@@ -1,0 +1,176 @@
+#include "tools/tolvard/serve/store_follower.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <tuple>
+#include <utility>
+
+namespace tolvar::tools {
+namespace {
+
+using service::StoredVersion;
+using service::TableStore;
+using service::TableVersion;
+
+/// How long a failed file is left alone unless it changes.
+constexpr std::int64_t kRetryMillis = 10000;
+
+std::int64_t steadyMillis() { return qel::systemClock().steadyMillis(); }
+
+bool isSame(const StoredVersion& a, const StoredVersion& b) {
+  return std::tie(a.number, a.timesTamp, a.digest, a.codesDigest) ==
+         std::tie(b.number, b.timesTamp, b.digest, b.codesDigest);
+}
+
+bool isSame(const ravel::ClientConf& a, const ravel::ClientConf& b) {
+  return std::tie(a.statisOpen, a.simpleLogCitys, a.simplingRate, a.logBufferLimit, a.logUnknownIp,
+                  a.confVersion) == std::tie(b.statisOpen, b.simpleLogCitys, b.simplingRate,
+                                             b.logBufferLimit, b.logUnknownIp, b.confVersion);
+}
+
+std::int64_t nanos(const timespec& time) {
+  return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+}
+
+}  // namespace
+
+StoreFollower::StoreFollower(std::string path, service::LookupService& service, EventLog& log)
+    : _path(std::move(path)), _service(service), _log(log) {}
+
+StoreFollower::~StoreFollower() {
+  requestStop();
+  if (_thread.joinable()) _thread.join();
+}
+
+void StoreFollower::open() {
+  setStore(std::make_shared<TableStore>(_path, TableStore::Mode::Create));
+  _opened = fileState();
+  _mark = store()->changeMark();
+  refresh();
+}
+
+void StoreFollower::start(Prepare prepare) {
+  _prepare = std::move(prepare);
+  _thread = std::thread([this] { run(); });
+}
+
+void StoreFollower::poke() {
+  {
+    const std::lock_guard lock(_mutex);
+    _isPoked = true;
+  }
+  _wake.notify_one();
+}
+
+void StoreFollower::requestStop() {
+  _isStopping = true;
+  if (const auto current = store()) current->interrupt();
+  const std::lock_guard lock(_mutex);
+  _wake.notify_one();
+}
+
+void StoreFollower::run() {
+  std::unique_lock lock(_mutex);
+  while (!_isStopping) {
+    _wake.wait_for(lock, std::chrono::milliseconds(kLookMillis),
+                   [this] { return _isStopping || _isPoked; });
+    const bool isForced = std::exchange(_isPoked, false);
+    lock.unlock();
+    try {
+      if (!_isStopping) look(isForced);
+    } catch (const std::exception& error) {
+      if (!_isStopping) fail(error.what());
+    }
+    lock.lock();
+  }
+}
+
+void StoreFollower::look(bool isForced) {
+  const FileState state = fileState();
+  const bool isFailed = !_failure.empty();
+  if (isFailed && !isForced && state == _failedAt && steadyMillis() < _retryAt) return;
+  if (isFailed || isForced || !state.isSameFile(_opened)) reopen();
+  const std::int64_t mark = store()->changeMark();
+  if (isForced || isFailed || mark != _mark) refresh();
+  _mark = mark;
+  if (!std::exchange(_failure, "").empty()) _log.info("store_recovered", {{"db", _path}});
+}
+
+void StoreFollower::reopen() {
+  const FileState state = fileState();
+  setStore(nullptr);
+  // Never makes a file: one that was taken away may be about to come back.
+  setStore(std::make_shared<TableStore>(_path, TableStore::Mode::ReadWrite));
+  _opened = state;
+  _mark = -1;
+}
+
+void StoreFollower::refresh() {
+  const auto loaded =
+      store()->loadNewest([this](const StoredVersion& newest) { return isSame(newest, _seen); });
+  if (loaded) publish(*loaded);
+  refreshConf();
+}
+
+void StoreFollower::publish(const TableStore::LoadedVersion& loaded) {
+  std::shared_ptr<const TableVersion> table = loaded.table;
+  const auto current = _service.current();
+  // The file may have been put back to an older state; clients need a time stamp that rises.
+  if (current && table->timesTamp() <= current->timesTamp()) {
+    table = std::make_shared<const TableVersion>(
+        service::TableData{table->ranges(), table->codes()}, current->timesTamp() + 1);
+  }
+  if (_prepare) _prepare(table);
+  // An empty version is in the store because somebody forced it.
+  _service.publish(table, service::EmptyTable::Allow);
+  _seen = loaded.stored;
+  _log.info("version_served", {{"version", _seen.number},
+                               {"digest", _seen.digest},
+                               {"ranges", _seen.ranges},
+                               {"codes", _seen.codes},
+                               {"times_tamp", table->timesTamp()},
+                               {"from", _seen.source}});
+}
+
+void StoreFollower::refreshConf() {
+  const ravel::ClientConf conf = store()->conf();
+  if (isSame(conf, _service.getConf())) return;
+  _service.restoreConf(conf);
+  _log.info("conf_served", {{"conf_version", conf.confVersion}});
+}
+
+void StoreFollower::fail(const std::string& message) {
+  _failedAt = fileState();
+  _retryAt = steadyMillis() + kRetryMillis;
+  if (message == _failure) return;
+  _failure = message;
+  const auto current = _service.current();
+  _log.error("store_failed", {{"db", _path},
+                              {"cause", message},
+                              {"serving", current ? "the version read last" : "nothing"}});
+}
+
+StoreFollower::FileState StoreFollower::fileState() const {
+  FileState state;
+  struct stat file {};
+  if (stat(_path.c_str(), &file) == 0) {
+    state.device = file.st_dev;
+    state.inode = file.st_ino;
+    state.changedAt = nanos(file.st_mtim);
+  }
+  if (stat((_path + "-wal").c_str(), &file) == 0) state.logChangedAt = nanos(file.st_mtim);
+  return state;
+}
+
+std::shared_ptr<TableStore> StoreFollower::store() {
+  const std::lock_guard lock(_mutex);
+  return _store;
+}
+
+void StoreFollower::setStore(std::shared_ptr<TableStore> store) {
+  const std::lock_guard lock(_mutex);
+  _store.swap(store);
+}
+
+}  // namespace tolvar::tools

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "service/lookup_service.h"
+#include "service/store/table_store.h"
+#include "tools/tolvard/serve/event_log.h"
+
+namespace tolvar::tools {
+
+/// Keeps a LookupService at what a database file holds: whatever another process commits, or a file
+/// that takes its place, is served within a second. A file that is gone or damaged changes nothing:
+/// the version last read is served on, and the log says why.
+class StoreFollower {
+ public:
+  /// How often the file is looked at, in milliseconds.
+  static constexpr int kLookMillis = 200;
+
+  /// Called with a version before it is published; what it throws keeps the version out.
+  using Prepare = std::function<void(const std::shared_ptr<const service::TableVersion>&)>;
+
+  /// All outlive the follower.
+  StoreFollower(std::string path, service::LookupService& service, EventLog& log);
+
+  /// Stops.
+  ~StoreFollower();
+
+  StoreFollower(const StoreFollower&) = delete;
+  StoreFollower& operator=(const StoreFollower&) = delete;
+
+  /// Opens the file, makes it when there is none, and publishes what it holds; in the calling
+  /// thread. Throws service::StoreError.
+  void open();
+
+  /// Follows the file from now on, in a thread of its own. Called once, after open.
+  void start(Prepare prepare);
+
+  /// Looks at once, and reads what seemed unchanged or damaged again. From any thread.
+  void poke();
+
+  /// Interrupts what is under way. From any thread.
+  void requestStop();
+
+ private:
+  /// What tells two states of the file apart without reading it.
+  struct FileState {
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::int64_t changedAt = 0;     ///< nanoseconds
+    std::int64_t logChangedAt = 0;  ///< of the write-ahead log
+
+    bool isSameFile(const FileState& other) const {
+      return device == other.device && inode == other.inode;
+    }
+    bool operator==(const FileState&) const = default;
+  };
+
+  void run();
+  void look(bool isForced);
+  void refresh();
+  void publish(const service::TableStore::LoadedVersion& loaded);
+  void refreshConf();
+  void reopen();
+  void fail(const std::string& message);
+  FileState fileState() const;
+  std::shared_ptr<service::TableStore> store();
+  void setStore(std::shared_ptr<service::TableStore> store);
+
+  const std::string _path;
+  service::LookupService& _service;
+  EventLog& _log;
+  Prepare _prepare;
+
+  // Used by open, then by the thread only.
+  FileState _opened;             ///< when the store was opened
+  FileState _failedAt;           ///< when reading it failed last
+  std::int64_t _retryAt = 0;     ///< steady milliseconds; when to try again after a failure
+  std::int64_t _mark = 0;        ///< the store's change mark that was read
+  service::StoredVersion _seen;  ///< the version published last
+  std::string _failure;          ///< what was logged last; empty while all is well
+
+  std::mutex _mutex;
+  std::condition_variable _wake;
+  // Guarded by _mutex.
+  std::shared_ptr<service::TableStore> _store;
+  bool _isPoked = false;
+
+  std::atomic<bool> _isStopping{false};
+  std::thread _thread;
+};
+
+}  // namespace tolvar::tools

@@ -1,0 +1,158 @@
+#include "tools/tolvard/server/grpc_server.h"
+
+#include <grpc/grpc.h>
+#include <grpcpp/ext/proto_server_reflection_plugin.h>
+#include <grpcpp/health_check_service_interface.h>
+#include <grpcpp/resource_quota.h>
+#include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
+
+#include <algorithm>
+#include <limits>
+
+#include "platform/exception.h"
+#include "tolvar.grpc.pb.h"
+#include "tools/tolvard/server/service_handlers.h"
+#include "transport/grpc/tls_files.h"
+
+namespace tolvar {
+namespace {
+
+// Threads of the synchronous side: server reflection, nothing else.
+constexpr int kReflectionThreads = 4;
+constexpr int kAgeGraceMillis = 60000;
+constexpr int kKeepaliveMillis = 60000;
+constexpr int kKeepaliveTimeoutMillis = 20000;
+constexpr int kMinPingIntervalMillis = 5000;
+
+int millis(std::chrono::milliseconds duration) {
+  constexpr std::chrono::milliseconds::rep kMost = std::numeric_limits<int>::max();
+  return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(duration.count(), 1, kMost));
+}
+
+void enablePlugins() {
+  // Both switches are the process's and only matter to servers built afterwards.
+  static const bool enabled = [] {
+    grpc::EnableDefaultHealthCheckService(true);
+    grpc::reflection::InitProtoReflectionServerBuilderPlugin();
+    return true;
+  }();
+  static_cast<void>(enabled);
+}
+
+void limitResources(grpc::ServerBuilder& builder, const GrpcServerOptions& options) {
+  grpc::ResourceQuota quota("tolvar");
+  quota.Resize(options.transportBytes);
+  quota.SetMaxThreads(kReflectionThreads);
+  builder.SetResourceQuota(quota);
+  builder.SetMaxReceiveMessageSize(options.maxRequestBytes);
+  using Sync = grpc::ServerBuilder::SyncServerOption;
+  builder.SetSyncServerOption(Sync::NUM_CQS, 1);
+  builder.SetSyncServerOption(Sync::MIN_POLLERS, 1);
+  builder.SetSyncServerOption(Sync::MAX_POLLERS, 1);
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, options.maxStreams);
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_IDLE_MS, millis(options.connectionIdle));
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_AGE_MS, millis(options.connectionAge));
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_AGE_GRACE_MS, kAgeGraceMillis);
+}
+
+void configureConnections(grpc::ServerBuilder& builder) {
+  // A second server on the same port must fail, not share it silently.
+  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveMillis);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeoutMillis);
+  builder.AddChannelArgument(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS,
+                             kMinPingIntervalMillis);
+}
+
+std::string joined(const std::vector<std::string>& texts) {
+  std::string all;
+  for (const std::string& text : texts) all += (all.empty() ? "" : ", ") + text;
+  return all;
+}
+
+}  // namespace
+
+struct GrpcServer::State {
+  State(std::shared_ptr<service::LookupService> service, const GrpcServerOptions& options)
+      : serving(std::move(service), options) {}
+
+  void listen();
+  void addServices(grpc::ServerBuilder& builder);
+  void setServing(bool up);
+
+  ServingContext serving;
+  // The server uses the handlers until it is destroyed.
+  std::unique_ptr<grpc::Service> main;
+  std::unique_ptr<grpc::Service> fast;
+  std::vector<int> ports;
+  std::unique_ptr<grpc::Server> server;
+};
+
+void GrpcServer::State::addServices(grpc::ServerBuilder& builder) {
+  if (serving.options.serveMain) {
+    main = makeMainHandlers(serving);
+    builder.RegisterService(main.get());
+  }
+  if (serving.options.serveFast) {
+    fast = makeFastHandlers(serving);
+    builder.RegisterService(fast.get());
+  }
+}
+
+void GrpcServer::State::listen() {
+  const GrpcServerOptions& options = serving.options;
+  if (options.listen.empty()) throw qel::ZU_Exception("no address to listen on is given");
+  if (!options.serveMain && !options.serveFast)
+    throw qel::ZU_Exception("neither the main nor the fast object is to be served");
+  enablePlugins();
+  grpc::ServerBuilder builder;
+  limitResources(builder, options);
+  configureConnections(builder);
+  const auto credentials =
+      options.tls ? serverCredentials(*options.tls) : grpc::InsecureServerCredentials();
+  ports.resize(options.listen.size(), 0);
+  for (std::size_t i = 0; i < ports.size(); ++i)
+    builder.AddListeningPort(options.listen[i], credentials, &ports[i]);
+  addServices(builder);
+  server = builder.BuildAndStart();
+  if (!server || std::find(ports.begin(), ports.end(), 0) != ports.end())
+    throw qel::ZU_Exception("cannot listen on " + joined(options.listen) +
+                            ": the address is in use, not this machine's, or not permitted");
+  setServing(true);
+}
+
+void GrpcServer::State::setServing(bool up) {
+  grpc::HealthCheckServiceInterface* health = server->GetHealthCheckService();
+  if (health == nullptr) return;
+  health->SetServingStatus(up);
+  if (main) health->SetServingStatus(v1::TolvarObj::service_full_name(), up);
+  if (fast) health->SetServingStatus(v1::FTolvarObj::service_full_name(), up);
+}
+
+GrpcServer::GrpcServer(std::shared_ptr<service::LookupService> service, GrpcServerOptions options)
+    : _state(std::make_unique<State>(std::move(service), options)) {
+  _state->listen();
+}
+
+GrpcServer::~GrpcServer() { shutdown(std::chrono::milliseconds(0)); }
+
+const std::vector<int>& GrpcServer::ports() const noexcept { return _state->ports; }
+
+std::size_t GrpcServer::activeDownloads() const { return _state->serving.gate.active(); }
+
+std::uint64_t GrpcServer::refusedChecks() const noexcept {
+  return _state->serving.refusedChecks.load(std::memory_order_relaxed);
+}
+
+void GrpcServer::prepare(const std::shared_ptr<const service::TableVersion>& version) {
+  _state->serving.tables.prepare(version);
+}
+
+void GrpcServer::setServing(bool serving) { _state->setServing(serving); }
+
+void GrpcServer::shutdown(std::chrono::milliseconds grace) {
+  _state->server->Shutdown(std::chrono::system_clock::now() + grace);
+}
+
+}  // namespace tolvar

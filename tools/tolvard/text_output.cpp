@@ -1,0 +1,83 @@
+#include "tools/tolvard/text_output.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <system_error>
+
+#include "service/text_source.h"
+
+namespace tolvar::tools {
+namespace {
+
+constexpr std::size_t kShownWarnings = 10;
+
+/// Columns that a text takes on a terminal, a character one.
+std::size_t widthOf(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  }));
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  const bool isText = service::isUtf8(text);
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7F && (byte < 0x80 || isText)) {
+      out += c;
+      continue;
+    }
+    std::array<char, 5> escaped{};
+    std::snprintf(escaped.data(), escaped.size(), "\\x%02X", byte);
+    out += escaped.data();
+  }
+  return out;
+}
+
+std::string alignedTable(const std::vector<std::vector<std::string>>& rows,
+                         const std::vector<std::size_t>& rightAligned) {
+  std::vector<std::size_t> widths;
+  for (const auto& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
+  }
+  std::string text;
+  for (const auto& row : rows) {
+    std::string line;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      const bool isRight =
+          std::find(rightAligned.begin(), rightAligned.end(), i) != rightAligned.end();
+      const std::string gap(widths[i] - widthOf(row[i]), ' ');
+      line += (i == 0 ? "" : "  ") + (isRight ? gap + row[i] : row[i] + gap);
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    text += line + '\n';
+  }
+  return text;
+}
+
+void print(const std::string& text) {
+  const bool isWritten =
+      std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+  if (!isWritten)
+    throw std::runtime_error("standard output: " + std::generic_category().message(errno));
+}
+
+void printJson(const nlohmann::json& document) {
+  print(document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+}
+
+void printWarnings(const std::vector<std::string>& warnings) {
+  for (std::size_t i = 0; i < warnings.size() && i < kShownWarnings; ++i)
+    std::fprintf(stderr, "warning: %s\n", warnings[i].c_str());
+  if (warnings.size() > kShownWarnings)
+    std::fprintf(stderr, "warning: and %zu more\n", warnings.size() - kShownWarnings);
+}
+
+}  // namespace tolvar::tools
