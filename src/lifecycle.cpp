@@ -77,7 +77,10 @@ void TolvarAPI::stopUpdateThread() {
 }
 
 void TolvarAPI::start() {
-  m_internals->updateEnded = false;
+  {
+    Lock hold(*this);
+    m_internals->updateEnded = false;
+  }
   qel::ZU_Thread::start();
 }
 

@@ -74,9 +74,6 @@ class FakeFastProxy : public ravel::FTolvarProxy {
     _service->record("selectServer(F) " + std::to_string(key));
     return std::make_shared<FakeFastProxy>(_service);
   }
-  void cancelCalls() override {
-    if (_service->cancel) _service->cancel();
-  }
   int FirstTotalDownloadIPInfo(std::uint32_t high, std::uint32_t low, std::uint32_t size,
                                ravel::downloadInfo& page, const ravel::CallContext&,
                                ravel::CallContext*) override {

@@ -25,7 +25,7 @@ struct FakeService {
   std::function<void(const std::vector<ravel::ReportCount>&, std::uint64_t)> reportCounts;
   std::function<void(const std::vector<std::string>&, std::uint64_t)> reportLines;
 
-  /// What cancelCalls of either proxy does; not recorded.
+  /// What cancelCalls of the main object's proxy does; not recorded.
   std::function<void()> cancel;
 
   void record(const std::string& call);

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/tolvar/remote_client.h"
+
 namespace CLI {
 class App;
 }
@@ -17,9 +19,10 @@ enum ExitStatus : int {
   kExitFailed = 2,      ///< nothing could be looked up: a bad flag, a bad table, no shared memory
 };
 
-/// `tolvar lookup`: answers addresses from a table.
+/// `tolvar lookup`: answers addresses from a table, or from a service's.
 struct LookupCommand {
   std::string tablePath;
+  ServiceAddress service;
   std::string codesPath;
   std::string logPath;
   std::vector<std::int32_t> keys;

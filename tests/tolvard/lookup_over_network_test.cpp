@@ -1,0 +1,74 @@
+// The whole way: a table into tolvard, over the network into a client's shared memory, to an
+// answer.
+#include <gtest/gtest.h>
+
+#include "tests/support/shm_keys.h"
+#include "tests/tolvard/serve_fixture.h"
+
+namespace tolvar_test {
+namespace {
+
+class LookupOverNetwork : public ServeFixture {
+ protected:
+  static ToolRun lookup(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "lookup");
+    return runTool(TOLVAR_TOOL, arguments);
+  }
+};
+
+TEST_F(LookupOverNetwork, AClientAnswersFromTheTableOfTheService) {
+  import(TOLVAR_SAMPLE);
+  const TolvardProcess service(database());
+  const ToolRun run = lookup({"--service", service.address(), "8.8.8.8", "77.7.7.7"});
+  EXPECT_EQ(run.exitStatus, 1) << run.err;
+  EXPECT_EQ(
+      run.out,
+      "8.8.8.8          United States / Western Shore / Mesa Vista  operator=Granite Backbone "
+      " network=data centre  extension=resolver  source=JN\n"
+      "77.7.7.7         not found: no range of the table holds it\n");
+}
+
+TEST_F(LookupOverNetwork, ATableOfSeveralPagesArrivesWhole) {
+  importText(rows(120000, "Netz"));
+  const TolvardProcess service(database());
+  const ToolRun run =
+      lookup({"--service", service.address(), "--timing", "0.0.0.0", "0.29.75.247"});
+  EXPECT_EQ(run.exitStatus, 1);
+  EXPECT_NE(run.out.find("0.0.0.0          (no place given)  operator=Netz"), std::string::npos)
+      << run.out;
+  EXPECT_NE(run.err.find("120000"), std::string::npos) << run.err;
+}
+
+TEST_F(LookupOverNetwork, AHostWithAnImageAnswersWhileTheServiceIsDown) {
+  import(TOLVAR_SAMPLE);
+  const ShmKeys keys;
+  const std::string list = std::to_string(keys.data0()) + "," + std::to_string(keys.data1()) + "," +
+                           std::to_string(keys.size());
+  std::string address;
+  {
+    const TolvardProcess service(database());
+    address = service.address();
+    ASSERT_EQ(lookup({"--service", address, "--keys", list, "8.8.8.8"}).exitStatus, 0);
+  }
+  const ToolRun run = lookup({"--service", address, "--keys", list, "8.8.8.8"});
+  EXPECT_EQ(run.exitStatus, 0) << run.err;
+}
+
+TEST_F(LookupOverNetwork, OneOfTwoEndpointsIsEnough) {
+  import(TOLVAR_SAMPLE);
+  const TolvardProcess service(database());
+  const ToolRun run =
+      lookup({"--service", "127.0.0.1:1", "--service", service.address(), "8.8.8.8"});
+  EXPECT_EQ(run.exitStatus, 0) << run.err;
+}
+
+TEST_F(LookupOverNetwork, TableAndServiceExcludeEachOtherAndOneIsNeeded) {
+  EXPECT_EQ(lookup({"--service", "127.0.0.1:1", "--table", TOLVAR_SAMPLE, "8.8.8.8"}).exitStatus,
+            2);
+  const ToolRun run = lookup({"8.8.8.8"});
+  EXPECT_EQ(run.exitStatus, 2);
+  EXPECT_NE(run.err.find("--service"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tolvar_test

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "include/TolvarAPI.h"
+#include "service/import_error.h"
+#include "tools/tolvar/private_run.h"
+
+namespace tolvar::tools {
+
+/// A running client, wherever its table comes from. Used by one thread, but for lookups.
+class ClientSession {
+ public:
+  virtual ~ClientSession() = default;
+
+  /// Starts the client and waits until it answers. Log files go below `logPath`. Throws
+  /// qel::ZU_Exception with the reason when it does not come up.
+  void start(const PrivateRun& run, const std::string& logPath);
+
+  TolvarAPI& api() noexcept { return *_api; }
+
+  /// What was odd about the table.
+  virtual std::vector<service::ImportNote> warnings() const { return {}; }
+
+  /// Milliseconds that reading the table from a file took, -1 when none was read.
+  virtual std::int64_t importMillis() const { return -1; }
+
+ protected:
+  virtual qel::Communicator& communicator() = 0;
+
+  /// True when the client answers from the table that is meant.
+  virtual bool settled(const TolvarStatus& status) const = 0;
+
+  /// A derived class ends the client first in its destructor: it uses the communicator.
+  void endClient() { _api.reset(); }
+
+ private:
+  void awaitSettled();
+
+  std::unique_ptr<TolvarAPI> _api;
+};
+
+/// Names of the two objects of a service.
+inline constexpr const char* kMainObject = "Tolvar.LookupServer.TolvarObj@tcp";
+inline constexpr const char* kFastObject = "Tolvar.LookupServer.FTolvarObj@tcp";
+
+}  // namespace tolvar::tools
