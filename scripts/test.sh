@@ -1,11 +1,11 @@
 #!/bin/sh
 # Builds the tree and runs its tests.
 #
-# usage: scripts/test.sh [--fast | --preset NAME] [--help]
+# usage: scripts/test.sh [--all | --preset NAME] [--help]
 #
-#   (nothing)      everything under the preset dev, then the core and the in-process transport under
-#                  the address, undefined-behaviour and thread sanitizers (asan-core, tsan)
-#   --fast         the preset dev only
+#   (nothing)      all tests under the preset dev
+#   --all          then the core and the in-process transport under the address,
+#                  undefined-behaviour and thread sanitizers as well (asan-core, tsan)
 #   --preset NAME  that configure preset only; see CMakePresets.json
 #
 # Installs missing Debian packages first (scripts/install_deps.sh). May be called from any directory.
@@ -17,10 +17,10 @@
 set -eu
 
 cd -- "$(dirname -- "$0")/.."
-presets="dev asan-core tsan"
+presets=dev
 while [ $# -gt 0 ]; do
   case "$1" in
-    --fast) presets=dev ;;
+    --all) presets="dev asan-core tsan" ;;
     --preset)
       if [ $# -lt 2 ]; then
         echo "test.sh: --preset needs a name" >&2
