@@ -32,6 +32,15 @@ struct Holder {
   void replace() { current.publish(std::make_unique<const Snapshot>()); }
 };
 
+/// As the client's own operations read.
+struct HolderInScope {
+  tolvar::SnapshotHolder<Snapshot> current{std::make_unique<const Snapshot>()};
+  std::uint64_t read() const {
+    return current.with([](const Snapshot* snapshot) noexcept { return snapshot->value; });
+  }
+  void replace() { current.publish(std::make_unique<const Snapshot>()); }
+};
+
 struct SharedMutex {
   mutable std::shared_mutex mutex;
   std::unique_ptr<const Snapshot> current = std::make_unique<const Snapshot>();
@@ -71,6 +80,7 @@ void guard(benchmark::State& state) {
 
 BENCHMARK(guard<RawPointer>)->Threads(1)->Threads(2);
 BENCHMARK(guard<Holder>)->Threads(1)->Threads(2);
+BENCHMARK(guard<HolderInScope>)->Threads(1)->Threads(2);
 BENCHMARK(guard<SharedMutex>)->Threads(1)->Threads(2);
 BENCHMARK(guard<AtomicSharedPtr>)->Threads(1)->Threads(2);
 

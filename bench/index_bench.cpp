@@ -38,16 +38,11 @@ struct Setup {
       : table(std::move(ranges)),
         index(RangeIndex::build(table)),
         lowerBound(table),
-        limit(leafLines(index), static_cast<std::uint32_t>(index.tupleCount())),
+        limit(index.leafLineCount(), static_cast<std::uint32_t>(index.tupleCount())),
         mmdb(mmdbOf(name, table)) {
     std::filesystem::remove(mmdbPath(name));  // it stays mapped
     checkAnswers(uniformQueries(100000, 9));
     checkAnswers(queriesOverRanges(table, 100000, 9));
-  }
-
-  /// Lines of the index that are neither directory nor tuples: what the limit without search reads.
-  static std::size_t leafLines(const RangeIndex& index) {
-    return (index.memoryBytes() - 65536 * 4 - index.tupleCount() * 64) / 64;
   }
 
   /// Writes the same ranges as a MaxMind DB, with a name for every id.

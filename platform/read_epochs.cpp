@@ -165,14 +165,6 @@ void endOtherwise(ReaderSlot* slot) noexcept {
   delist(slot);
 }
 
-void endAny(ReaderSlot* slot) noexcept {
-  if (slot->inner == 0) {
-    slot->epoch.store(0, std::memory_order_release);
-  } else {
-    endOtherwise(slot);
-  }
-}
-
 }  // namespace epochs
 
 void waitForReaders() noexcept {

@@ -60,14 +60,19 @@ extern constinit ProcessEpoch processEpoch;
 /// with much thread-local data of its own impossible to load at run time.
 extern constinit thread_local ReaderSlot threadSlot;
 
+/// Address of the calling thread's slot, found once: compilers would find it anew for each use, and
+/// in a shared library that is a call.
+inline ReaderSlot* ownSlot() noexcept {
+  ReaderSlot* slot = &threadSlot;
+  __asm__("" : "+r"(slot));
+  return slot;
+}
+
 /// Begins a section of a thread whose slot is not in the list or which is in a section already.
 void beginOtherwise(ReaderSlot* slot) noexcept;
 
 /// Ends a section that is inside another one or whose end takes the slot off the list.
 void endOtherwise(ReaderSlot* slot) noexcept;
-
-/// Ends any section.
-void endAny(ReaderSlot* slot) noexcept;
 
 /// Writes the current epoch into the slot of a thread whose outermost section begins.
 inline void announce(ReaderSlot* slot) noexcept {
@@ -88,7 +93,7 @@ inline void announce(ReaderSlot* slot) noexcept {
 /// May be moved within its thread.
 class ReadSection {
  public:
-  ReadSection() noexcept : _slot(&epochs::threadSlot) {
+  ReadSection() noexcept : _slot(epochs::ownSlot()) {
     // No counting in the outermost section: a count that is changed twice a lookup would tie
     // every lookup to the one before. An unlisted slot fails the one test that is needed anyway.
     if (_slot->epoch.load(std::memory_order_relaxed) == 0) [[likely]] {
@@ -117,36 +122,26 @@ class ReadSection {
   ReaderSlot* _slot;
 };
 
-/// A read section that ends in the block where it begins. Its thread begins and ends other sections
-/// meanwhile only nested inside it. Being sure of that makes the outermost one a little cheaper than
-/// a ReadSection.
-class ScopedReadSection {
+/// The read section of a thread that is in no other, ending in the block where it begins: sections
+/// of its thread that begin meanwhile end before it. Knowing all that makes it cheaper than a
+/// ReadSection, and leaves a function that uses it without any call.
+class OutermostReadSection {
  public:
-  ScopedReadSection() noexcept : _slot(&epochs::threadSlot) {
-    const std::uint64_t epoch = _slot->epoch.load(std::memory_order_relaxed);
-    if (epoch == 0) [[likely]] {
-      epochs::announce(_slot);
-      _ending = Ending::Outermost;
-    } else {
-      epochs::beginOtherwise(_slot);
-      _ending = Ending::Counted;
-    }
+  /// Whether the thread of `slot`, the calling one, may begin one: it is in no section, and has
+  /// been in one before.
+  static bool possible(const ReaderSlot* slot) noexcept {
+    return slot->epoch.load(std::memory_order_relaxed) == 0;
   }
-  ~ScopedReadSection() {
-    if (_ending == Ending::Counted) [[unlikely]] {
-      epochs::endAny(_slot);
-    } else {
-      _slot->epoch.store(0, std::memory_order_release);
-    }
+
+  explicit OutermostReadSection(ReaderSlot* slot) noexcept : _slot(slot) {
+    epochs::announce(_slot);
   }
-  ScopedReadSection(const ScopedReadSection&) = delete;
-  ScopedReadSection& operator=(const ScopedReadSection&) = delete;
+  ~OutermostReadSection() { _slot->epoch.store(0, std::memory_order_release); }
+  OutermostReadSection(const OutermostReadSection&) = delete;
+  OutermostReadSection& operator=(const OutermostReadSection&) = delete;
 
  private:
-  enum class Ending : bool { Outermost, Counted };
-
   ReaderSlot* _slot;
-  Ending _ending;
 };
 
 /// Waits until every read section that had begun before the call has ended, on whatever thread.

@@ -4,16 +4,26 @@
 
 namespace {
 
+/// Neighbouring answers often have names of the same length, and then the string's own bookkeeping
+/// can be left alone.
+void assign(std::string_view name, std::string* out) {
+  if (name.size() == out->size()) {
+    name.copy(out->data(), name.size());
+  } else {
+    out->assign(name);
+  }
+}
+
 void copyNames(const IPNameView& names, IPHumanMessage* msg) {
-  msg->m_country.assign(names.country);
-  msg->m_province.assign(names.province);
-  msg->m_city.assign(names.city);
-  msg->m_district.assign(names.district);
-  msg->m_extend.assign(names.extend);
-  msg->m_oper.assign(names.oper);
-  msg->m_nettype.assign(names.nettype);
-  msg->m_apn.assign(names.apn);
-  msg->m_flable.assign(names.flable);
+  assign(names.country, &msg->m_country);
+  assign(names.province, &msg->m_province);
+  assign(names.city, &msg->m_city);
+  assign(names.district, &msg->m_district);
+  assign(names.extend, &msg->m_extend);
+  assign(names.oper, &msg->m_oper);
+  assign(names.nettype, &msg->m_nettype);
+  assign(names.apn, &msg->m_apn);
+  assign(names.flable, &msg->m_flable);
 }
 
 }  // namespace
@@ -21,8 +31,11 @@ void copyNames(const IPNameView& names, IPHumanMessage* msg) {
 bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) {
   const bool found = m_internals->tables.with([=](const tolvar::LookupSnapshot* tables) {
     const std::uint32_t tuple = tables->ranges->findTuple(ip);
-    if (tuple != 0) copyNames(tables->names->row(tuple), msg);
-    return tuple != 0;
+    if (tuple == 0) return false;
+    IPNameView names;
+    tables->names->fill(tuple, &names);
+    copyNames(names, msg);
+    return true;
   });
   if (found && m_client_conf.getQueryData()->conf.statisOpen) {
     m_report.report(ravel::ECountry, msg->m_country);

@@ -18,7 +18,7 @@ bool TolvarReader::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) const noexce
 bool TolvarReader::getIPInfo(std::uint32_t ip, IPNameView* names) const noexcept {
   const std::uint32_t tuple = _tables->ranges->findTuple(ip);
   if (tuple == 0) return false;
-  *names = _tables->names->row(tuple);
+  _tables->names->fill(tuple, names);
   return true;
 }
 

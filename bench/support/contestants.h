@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bench/support/random.h"
+#include "platform/huge_pages.h"
 #include "records/records.h"
 #include "src/index/tuple_pool.h"
 
@@ -85,8 +86,9 @@ class NoSearch {
     ravel::IPInfo info;
   };
   std::vector<std::uint32_t> _directory;
-  std::vector<Line> _leaves;
-  std::vector<Tuple> _tuples;
+  // On large pages where the index is, or it would not be the limit.
+  std::vector<Line, qel::HugePageAllocator<Line>> _leaves;
+  std::vector<Tuple, qel::HugePageAllocator<Tuple>> _tuples;
 };
 
 }  // namespace tolvar_bench

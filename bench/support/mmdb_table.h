@@ -30,6 +30,13 @@ class MmdbTable {
     return MMDB_lookup_sockaddr(&_database, reinterpret_cast<const sockaddr*>(&address), &error);
   }
 
+  /// The entry alone, from a dotted quad.
+  MMDB_lookup_result_s findText(const char* ip) const noexcept {
+    int textError = 0;
+    int error = MMDB_SUCCESS;
+    return MMDB_lookup_string(&_database, ip, &textError, &error);
+  }
+
   /// The entry and its country, province, city and oper ids.
   bool findIds(std::uint32_t ip, std::uint32_t (&ids)[4]) const noexcept {
     MMDB_lookup_result_s result = find(ip);

@@ -14,6 +14,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "platform/huge_pages.h"
 #include "records/records.h"
 
 namespace tolvar {
@@ -81,15 +82,13 @@ class RangeIndex {
   }
 
   /// Copies the attributes of the range that contains `ip` (host order) to `info` and answers true;
-  /// on a miss answers false and leaves `info` as it is. Does not branch on the outcome.
+  /// on a miss answers false and leaves `info` as it is.
   bool lookup(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
     const std::uint32_t tuple = findTuple(ip);
-    // On a miss the copy is from `info` to itself. The choice is arithmetic because compilers make a
-    // branch of a conditional one, and misses cannot be foretold.
-    const auto hit = reinterpret_cast<std::uintptr_t>(&this->info(tuple));
-    const auto miss = reinterpret_cast<std::uintptr_t>(info);
-    const std::uintptr_t onMiss = std::uintptr_t{0} - static_cast<std::uintptr_t>(tuple == 0);
-    *info = *reinterpret_cast<const ravel::IPInfo*>(hit ^ ((hit ^ miss) & onMiss));
+    const ravel::IPInfo* source = &this->info(tuple);
+    if (tuple == 0) [[unlikely]]
+      source = info;
+    *info = *source;
     return tuple != 0;
   }
 
@@ -135,6 +134,9 @@ class RangeIndex {
     Line() noexcept : bytes{} {}
   };
   static_assert(std::endian::native == std::endian::little);
+
+  using Words = std::vector<std::uint32_t, qel::HugePageAllocator<std::uint32_t>>;
+  using Lines = std::vector<Line, qel::HugePageAllocator<Line>>;
 
   RangeIndex() = default;
 
@@ -199,8 +201,8 @@ class RangeIndex {
     return tuple >> 8;
   }
 
-  std::vector<std::uint32_t> _words;
-  std::vector<Line> _lines;
+  Words _words;
+  Lines _lines;
   std::size_t _leafLines = 0;
   std::size_t _rangeCount = 0;
 };

@@ -222,15 +222,15 @@ unsigned char* RangeIndexBuilder::linkOf(std::uint32_t line) noexcept {
 
 /// Puts the tuples behind the leaves, and turns the words of uniform blocks into places there.
 void RangeIndexBuilder::appendTuples() {
-  std::vector<Line>& lines = _index._lines;
+  RangeIndex::Lines& lines = _index._lines;
   const std::size_t leafLines = lines.size();
   if ((leafLines + _tuples.size()) * kLineUnits > RangeIndex::kNumberMask) {
     throw std::length_error("the IP table has too many ranges and attribute tuples to index");
   }
-  std::vector<Line> all;
+  RangeIndex::Lines all;
   all.reserve(leafLines + _tuples.size());
   all.assign(lines.begin(), lines.end());
-  std::vector<Line>().swap(lines);
+  RangeIndex::Lines().swap(lines);
   for (const ravel::IPInfo& info : _tuples) {
     const auto number = static_cast<std::uint32_t>(all.size() - leafLines);
     all.emplace_back().tuple = {info, number};
@@ -243,7 +243,7 @@ void RangeIndexBuilder::appendTuples() {
     if ((word & 31u) != 0) return;
     word = static_cast<std::uint32_t>((leafLines + (word >> 5)) * kLineUnits + kLeafUnit) << 5;
   };
-  std::vector<std::uint32_t>& words = _index._words;
+  RangeIndex::Words& words = _index._words;
   for (std::size_t i = 1; i < RangeIndex::kDirectoryWords; i += 2) place(words[i]);
   std::for_each(words.begin() + RangeIndex::kDirectoryWords, words.end(), place);
 }

@@ -67,8 +67,11 @@ class SnapshotHolder {
   /// answers what it answers. The cheapest way to read: `use` takes and drops guards of its own
   /// inside itself only.
   template <class Use>
-  decltype(auto) with(Use use) const noexcept(noexcept(use(static_cast<const T*>(nullptr)))) {
-    const ScopedReadSection section;
+  auto with(Use use) const noexcept(noexcept(use(static_cast<const T*>(nullptr)))) {
+    ReaderSlot* const slot = epochs::ownSlot();
+    if (!OutermostReadSection::possible(slot)) [[unlikely]]
+      return withGuard(std::move(use));
+    const OutermostReadSection section(slot);
     return use(peek());
   }
 
@@ -88,6 +91,15 @@ class SnapshotHolder {
   static void synchronize() noexcept { waitForReaders(); }
 
  private:
+  /// `with` for a thread's first section and for nested ones. Kept out of `with`, which is then
+  /// small and calls nothing.
+  template <class Use>
+  [[gnu::noinline]] auto withGuard(Use use) const
+      noexcept(noexcept(use(static_cast<const T*>(nullptr)))) {
+    const Guard guard = read();
+    return use(guard.get());
+  }
+
   std::atomic<const T*> _current{nullptr};
 };
 

@@ -41,8 +41,14 @@ void TupleNames::setName(Row* line, std::size_t name, CodeNames::Place place) {
     return;
   }
   line->lengths[name] = kLong;
+  line->hasLong = true;
   const auto same = [&](const CodeNames::Place& other) { return other.offset == place.offset; };
   if (std::none_of(_long.begin(), _long.end(), same)) _long.push_back(place);
+}
+
+void TupleNames::fillLong(const Row& line, NameRow* names) const noexcept {
+  *names = {view(line, 0), view(line, 1), view(line, 2), view(line, 3), view(line, 4),
+            view(line, 5), view(line, 6), view(line, 7), view(line, 8)};
 }
 
 std::string_view TupleNames::longView(std::uint32_t offset) const noexcept {

@@ -1,33 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <new>
-
 #include "src/index/lookup_snapshot.h"
 #include "src/index/snapshot_holder.h"
-
-namespace {
-
-thread_local std::size_t allocations = 0;
-
-void* allocate(std::size_t size, std::size_t alignment) {
-  ++allocations;
-  const std::size_t rounded = (size + alignment - 1) / alignment * alignment;
-  void* const memory = std::aligned_alloc(alignment, rounded);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) { return allocate(size, alignof(std::max_align_t)); }
-void* operator new(std::size_t size, std::align_val_t alignment) {
-  return allocate(size, static_cast<std::size_t>(alignment));
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, std::align_val_t) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
+#include "tests/index/allocation_count.h"
 
 namespace tolvar_test {
 namespace {
@@ -52,7 +27,7 @@ TEST(LookupPath, AllocatesNothing) {
   std::size_t hits = 0;
   std::size_t letters = 0;
 
-  const std::size_t before = allocations;
+  const std::size_t before = allocationCount();
   ASSERT_GT(before, 0u) << "the count works";
   for (const std::uint32_t ip : ips) {
     const auto guard = holder.read();
@@ -63,7 +38,7 @@ TEST(LookupPath, AllocatesNothing) {
     letters += guard->codes->find(3, 5).size();
   }
   holder.read()->ranges->findBatch(ips, infos.data(), found.data());
-  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(allocationCount(), before);
   EXPECT_GT(hits, 400u);
   EXPECT_GT(letters, 300u);
 }
