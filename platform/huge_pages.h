@@ -5,15 +5,19 @@
 
 namespace qel {
 
-/// Bytes of the large pages that memory of at least this size is put on where the system allows.
+/// Size of the large pages that tables of at least this many bytes are put on where the system can.
 inline constexpr std::size_t kHugePageBytes = std::size_t{2} << 20;
 
-/// Asks the system to back the whole huge pages inside [`begin`, `begin` + `bytes`) with such pages
-/// and leaves the rest as it is. A wish only: nothing is reported when it is not granted.
-void preferHugePages(void* begin, std::size_t bytes) noexcept;
+/// Fresh, zeroed memory of the operating system that begins on a huge page, with the wish that the
+/// whole huge pages inside be backed by such; the rest is on ordinary ones. Throws std::bad_alloc.
+void* mapHugePages(std::size_t bytes);
+
+/// Gives memory of mapHugePages(bytes) back.
+void unmapHugePages(void* memory, std::size_t bytes) noexcept;
 
 /// Allocator for large tables that are read at random places: with few large pages, translating an
-/// address seldom costs a memory access of its own. Small requests are served as usual.
+/// address seldom costs a memory access of its own. The memory is always fresh, because the system
+/// does not soon put pages together that are in use already. Small requests are served as usual.
 template <class T>
 class HugePageAllocator {
  public:
@@ -26,12 +30,17 @@ class HugePageAllocator {
   T* allocate(std::size_t count) {
     if (count > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_array_new_length();
     const std::size_t bytes = count * sizeof(T);
-    void* const memory = ::operator new(bytes, alignmentOf(bytes));
-    if (bytes >= kHugePageBytes) preferHugePages(memory, bytes);
+    void* const memory =
+        bytes >= kHugePageBytes ? mapHugePages(bytes) : ::operator new(bytes, kSmallAlignment);
     return static_cast<T*>(memory);
   }
   void deallocate(T* memory, std::size_t count) noexcept {
-    ::operator delete(memory, alignmentOf(count * sizeof(T)));
+    const std::size_t bytes = count * sizeof(T);
+    if (bytes >= kHugePageBytes) {
+      unmapHugePages(memory, bytes);
+    } else {
+      ::operator delete(memory, kSmallAlignment);
+    }
   }
 
   template <class Other>
@@ -40,9 +49,7 @@ class HugePageAllocator {
   }
 
  private:
-  static constexpr std::align_val_t alignmentOf(std::size_t bytes) noexcept {
-    return std::align_val_t{bytes >= kHugePageBytes ? kHugePageBytes : alignof(T)};
-  }
+  static constexpr std::align_val_t kSmallAlignment{alignof(T)};
 };
 
 }  // namespace qel

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/huge_pages.h"
 #include "records/records.h"
 
 namespace tolvar {
@@ -73,7 +74,7 @@ class CodeNames {
   Place append(std::string_view name);
   void fill(Table* table, const std::unordered_map<std::uint64_t, ravel::CodeInfo>& map);
 
-  std::vector<char> _text;
+  std::vector<char, qel::HugePageAllocator<char>> _text;
   std::array<Table, kTypes> _tables;
 };
 

@@ -1,6 +1,7 @@
 #include "platform/huge_pages.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -40,16 +41,25 @@ TEST(HugePages, MoreElementsThanThereIsMemoryThrow) {
   EXPECT_THROW(static_cast<void>(allocator.allocate(SIZE_MAX / 4)), std::bad_alloc);
 }
 
-TEST(HugePages, AskingLeavesErrnoAndOddRangesAlone) {
-  errno = EDOM;
-  std::vector<char> memory(3 * qel::kHugePageBytes + 123, 'x');
-  qel::preferHugePages(memory.data() + 77, memory.size() - 77);
-  qel::preferHugePages(memory.data() + 77, 10);
-  qel::preferHugePages(memory.data(), 0);
-  qel::preferHugePages(nullptr, 0);
-  qel::preferHugePages(reinterpret_cast<void*>(std::uintptr_t{1} << 62), 2 * qel::kHugePageBytes);
-  EXPECT_EQ(errno, EDOM);
-  for (const char byte : memory) ASSERT_EQ(byte, 'x');
+TEST(HugePages, FreshMemoryIsZeroAndUsableToItsLastByte) {
+  for (const std::size_t bytes :
+       {qel::kHugePageBytes, qel::kHugePageBytes + 1, 3 * qel::kHugePageBytes - 1}) {
+    errno = EDOM;
+    auto* const memory = static_cast<char*>(qel::mapHugePages(bytes));
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(std::accumulate(memory, memory + bytes, 0), 0);
+    memory[0] = memory[bytes - 1] = 'x';
+    qel::unmapHugePages(memory, bytes);
+  }
+}
+
+TEST(HugePages, MemoryGivenBackIsGone) {
+  char* const memory = static_cast<char*>(qel::mapHugePages(2 * qel::kHugePageBytes));
+  unsigned char resident;
+  ASSERT_EQ(mincore(memory, 4096, &resident), 0);
+  qel::unmapHugePages(memory, 2 * qel::kHugePageBytes);
+  EXPECT_EQ(mincore(memory, 4096, &resident), -1);
+  EXPECT_EQ(errno, ENOMEM);
 }
 
 }  // namespace
