@@ -90,7 +90,12 @@ class TolvarReader {
 /// allowed at any time, before `initialize` as well: they then find nothing. They take no lock, do
 /// not wait, and see one complete table each, also while a newer one is being published.
 /// `initialize`, `start`, `terminate` and destruction belong to one owning thread; destruction
-/// comes after the last lookup has returned. No public operation lets an exception out.
+/// comes after the last lookup has returned. Two calls of `initialize` at once take turns, and a
+/// destruction during one ends it and waits for it. No public operation lets an exception out.
+///
+/// Fork: a child forked after `initialize` looks up in the tables of that moment and may destroy
+/// the object; nothing refreshes it there, and `initialize` on it answers false. For current tables
+/// the child makes an object of its own.
 ///
 /// Destruction: the update thread is stopped and joined first; then the members go in reverse order
 /// of declaration. The reporter holds the service's proxy by itself and delivers what is left
@@ -182,6 +187,11 @@ class TolvarAPI : public qel::ZU_Thread,
   };
 
   // --- Life cycle (lifecycle.cpp) ---
+  bool initializeAll(qel::Communicator* comm, const std::string& ip_servant,
+                     const std::string& fast_ip_servant, const key_t (&keys)[3],
+                     const std::string& log_path);
+  bool refuseInFork();
+  void abandonParents() noexcept;
   void openLog(const std::string& log_path);
   bool connectProxies(qel::Communicator* comm, const std::string& ip_servant,
                       const std::string& fast_ip_servant);
@@ -200,22 +210,28 @@ class TolvarAPI : public qel::ZU_Thread,
   std::string GetCodeInfoById(int type, std::uint64_t id);
   void GetCodeInfoById(int type, std::uint64_t id, std::string* out);
 
-  // --- Shared memory (segments.cpp, image_lock.cpp, growth.cpp) ---
+  // --- Shared memory (segments.cpp, image_lock.cpp, unshared.cpp, growth.cpp) ---
   void InitializeShareMemory(key_t key1, key_t key2, key_t key3);
   bool ReadShareMemorySize(std::size_t* size);
   void WriteShareMemorySize(std::size_t size);
   void ReadMemoryHead(int shm_index, MemoryHead* head);
   void WriteMemoryHead(int shm_index, const MemoryHead& head);
   static std::size_t CalculateNextSize(std::size_t n);
+  void attachImage(int* ready, tolvar::ImageRecords* image);
+  std::size_t totalSize();
   void attachSegment(int shm_index, std::size_t total);
   bool connectRegions(int shm_index);
   void layRegions(int shm_index, std::size_t total, bool connect_success);
   bool readImage(int shm_index, tolvar::ImageRecords* image);
-  void takeOverImage(tolvar::ImageRecords image);
+  void takeOverImage(tolvar::ImageRecords& image);
   void useSegment(int shm_index);
   bool acquireImageLock(int milliseconds);
-  void lockImage();
-  void lockImageForStart();
+  bool lockImage();
+  bool lockImageForStart();
+  void attachForStart(int* ready, tolvar::ImageRecords* image);
+  bool attachLate();
+  void shareOwnTables();
+  void forgetSegments() noexcept;
   void refreshAttachments();
   bool attachAgain(int shm_index);
   void ResizeShareMemory(int shm_index, std::size_t size);
@@ -225,7 +241,7 @@ class TolvarAPI : public qel::ZU_Thread,
   void CopyShareMemory(int from, int to);
   void copyImage(int from, int to, const MemoryHead& announced);
   void walkRegions(int shm_index);
-  void moveRegion(int shm_index, int code_index, const char* saved);
+  void moveRegions(int shm_index, int first, std::size_t distance);
 
   // --- Update thread (update_thread.cpp, change_check.cpp, download.cpp, publish.cpp,
   //     code_sync.cpp). The steps run on the update thread only. ---
@@ -237,17 +253,21 @@ class TolvarAPI : public qel::ZU_Thread,
   void armFullDownload();
   void installClientConf();
   /// True when the table is complete.
-  bool gatherPage(const ravel::downloadInfo& page, std::uint64_t maxIndex);
+  bool gatherPage(ravel::downloadInfo& page, std::uint64_t maxIndex);
+  void makeRoom(std::size_t ranges, std::uint64_t left);
   void finishDownload();
-  void retryLater(tolvar::RetryBackoff& retry, const char* step, const std::string& what);
-  void noteError(const char* step, const std::string& what);
-  void takeDigest(const std::vector<ravel::IPAttribute>& ranges);
+  void retryLater(tolvar::RetryBackoff& retry, const char* step, const char* what);
+  void noteError(const char* step, const char* what) noexcept;
+  void takeDigest(const std::string& digest, std::size_t ranges);
   void beginPublication(int target, std::uint32_t MemoryHead::*half);
   void setHalf(int shm_index, std::uint32_t MemoryHead::*half, MemoryStatus status);
   void setPending(int shm_index);
   void mirrorImage(int from, int to);
   std::string writeRanges(int target);
+  std::string writeTable(int target, const ravel::vIPProperty& ranges);
+  void takeOverUnshared(std::size_t count);
   void takeOverTable(int target, const std::string& digest);
+  void makeRoomForCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void writeCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void takeOverCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void announceReady(int bit);

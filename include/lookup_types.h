@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "include/name_view.h"
 #include "records/records.h"
 
 /// Compact result of one range search.
@@ -29,7 +30,9 @@ struct GeneralAttribute {
   std::uint32_t flable;
   std::uint64_t place;
 
-  explicit GeneralAttribute(const ravel::IPAttribute& range) noexcept
+  /// Of a ravel::IPAttribute or a ravel::IPProperty.
+  template <class Range>
+  explicit GeneralAttribute(const Range& range) noexcept
       : startIP(range.startIP),
         endIP(range.endIP),
         extend(range.extend),
@@ -59,20 +62,6 @@ struct IPHumanMessage {
 
   /// One line: " country=", the value, " province=", and so on in field order; values unescaped.
   std::string ToString() const;
-};
-
-/// Answer of a named lookup without copies: an id without a name gives an empty view. The views are
-/// valid as long as the TolvarReader that gave them.
-struct IPNameView {
-  std::string_view country;
-  std::string_view province;
-  std::string_view city;
-  std::string_view district;
-  std::string_view extend;
-  std::string_view oper;
-  std::string_view nettype;
-  std::string_view apn;
-  std::string_view flable;
 };
 
 /// Order of a range and an address, for a search by the range's end.

@@ -7,6 +7,7 @@
 
 #include "platform/assertion.h"
 #include "platform/exception.h"
+#include "platform/shared_write_point.h"
 #include "records/records.h"
 
 /// Fixed-size nodes and the vector that lays them into a block of memory. Every process on the host
@@ -108,9 +109,9 @@ class MemVector {
   /// Lays a new, empty vector into the `size` bytes at `addr`, 32 at least; zeroes them all.
   void create(void* addr, std::size_t size) noexcept {
     init(addr);
-    std::memset(addr, 0, size);
+    qel::sharedZero("vector block", addr, size);
     announce(size);
-    _pHead->_iMaxIndex = 0;
+    setMaxIndex(0);
   }
 
   /// Takes over an existing vector. True when its mark is right; nothing else is checked.
@@ -130,16 +131,35 @@ class MemVector {
     if (_pHead == nullptr) {
       qel::assertionFailed("_pHead", "../include/memVector", __LINE__, T::kClearFunction);
     }
-    std::memset(_pData, 0, _pHead->_iBlockSize * _pHead->_iBlockCount);
-    _pHead->_iMaxIndex = 0;
+    qel::sharedZero("vector slots", _pData, _pHead->_iBlockSize * _pHead->_iBlockCount);
+    setMaxIndex(0);
   }
 
   /// Appends a copy of `node`; throws memVectorException when the vector is full.
   void writeData(const T& node) {
     if (_pHead->_iMaxIndex >= _pHead->_iBlockCount) throwBeyond(_pHead->_iMaxIndex);
-    std::memcpy(_pData + _pHead->_iMaxIndex * sizeof(T), &node, sizeof(T));
-    _pHead->_iMaxIndex += 1;
+    qel::sharedCopy("node", _pData + _pHead->_iMaxIndex * sizeof(T), &node, sizeof(T));
+    setMaxIndex(_pHead->_iMaxIndex + 1);
   }
+
+  /// Begins to write the vector anew from its first slot on. Unlike `clear` it leaves the old nodes
+  /// where they are; `clearRest` takes away those that were not overwritten.
+  void rewind() noexcept { setMaxIndex(0); }
+
+  /// Zeroes every slot behind the nodes written.
+  void clearRest() noexcept {
+    qel::sharedZero("vector slots", _pData + _pHead->_iMaxIndex * sizeof(T),
+                    (_pHead->_iBlockCount - _pHead->_iMaxIndex) * sizeof(T));
+  }
+
+  /// The slot that `writeData` would write next, for a caller who fills all of it in place and then
+  /// calls `endNode`; throws memVectorException when the vector is full.
+  T* beginNode() {
+    if (_pHead->_iMaxIndex >= _pHead->_iBlockCount) throwBeyond(_pHead->_iMaxIndex);
+    qel::sharedWritePoint("node");
+    return reinterpret_cast<T*>(_pData + _pHead->_iMaxIndex * sizeof(T));
+  }
+  void endNode() noexcept { setMaxIndex(_pHead->_iMaxIndex + 1); }
 
   /// The node in slot `index`, written or not; throws memVectorException beyond the capacity.
   const T& operator[](std::size_t index) const {
@@ -164,9 +184,17 @@ class MemVector {
 
  private:
   void announce(std::size_t size) noexcept {
+    qel::sharedWritePoint("vector size");
     _pHead->_iSize = size;
+    qel::sharedWritePoint("vector capacity");
     _pHead->_iBlockCount = (size - sizeof(tagMemQueueHead)) / sizeof(T);
+    qel::sharedWritePoint("vector mark");
     _pHead->_iBlockSize = sizeof(T);
+  }
+
+  void setMaxIndex(std::uint64_t count) noexcept {
+    qel::sharedWritePoint("vector count");
+    _pHead->_iMaxIndex = count;
   }
 
   [[noreturn]] void throwBeyond(std::uint64_t index) const {

@@ -1,10 +1,10 @@
 #include "platform/huge_pages.h"
 
-#include <sys/mman.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <limits>
+
+#include "platform/system_calls.h"
 
 namespace qel {
 namespace {
@@ -17,7 +17,7 @@ std::size_t wholePages(std::size_t bytes) noexcept {
 }
 
 void unmap(std::uintptr_t begin, std::uintptr_t end) noexcept {
-  if (begin < end) munmap(reinterpret_cast<void*>(begin), end - begin);
+  if (begin < end) systemCalls().munmap(reinterpret_cast<void*>(begin), end - begin);
 }
 
 }  // namespace
@@ -27,8 +27,8 @@ void* mapHugePages(std::size_t bytes) {
   // One huge page more than needed, and what lies outside the aligned part given back at once.
   const std::size_t length = wholePages(bytes) + kHugePageBytes;
   const int error = errno;
-  void* const mapped =
-      mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* const mapped = systemCalls().mmap(nullptr, length, PROT_READ | PROT_WRITE,
+                                          MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapped == MAP_FAILED) throw std::bad_alloc();
   const auto begin = reinterpret_cast<std::uintptr_t>(mapped);
   const std::uintptr_t first = (begin + kHugePageBytes - 1) / kHugePageBytes * kHugePageBytes;

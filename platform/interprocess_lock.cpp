@@ -12,6 +12,7 @@ namespace qel {
 namespace {
 
 constexpr int kMode = 0660;
+constexpr int kReleaseAttempts = 8;
 
 /// A new semaphore is 0, which is free.
 int openSemaphore(key_t key) {
@@ -56,8 +57,14 @@ bool InterprocessLock::acquire(key_t key, int milliseconds) {
 void InterprocessLock::release() noexcept {
   if (_id < 0) return;
   sembuf give = {0, -1, IPC_NOWAIT | SEM_UNDO};
-  if (_process == getpid()) systemCalls().semtimedop(_id, &give, 1, nullptr);
-  _id = -1;
+  // A lock that is not given back keeps every publisher of the host out until this process ends, so
+  // one that could not be is tried again now and before it is next taken.
+  bool held = _process == getpid();
+  for (int attempt = 0; held && attempt < kReleaseAttempts; ++attempt) {
+    held =
+        systemCalls().semtimedop(_id, &give, 1, nullptr) != 0 && errno != EIDRM && errno != EINVAL;
+  }
+  if (!held) _id = -1;
 }
 
 }  // namespace qel

@@ -19,6 +19,11 @@ class ZU_Mmap {
   /// Throws ZU_Exception naming the step, the path and the cause.
   void mmap(const std::string& path, std::size_t length);
 
+  /// Writes `size` bytes at `offset` of the mapped file through the file, so that it is safe when
+  /// somebody else has cut the file, where a write to the mapping would end the process. Answers
+  /// false, with errno set, when that is not possible (disk full, nothing mapped).
+  bool write(std::size_t offset, const void* data, std::size_t size) noexcept;
+
   /// Releases the mapping; the file stays.
   void munmap() noexcept;
 
@@ -29,6 +34,7 @@ class ZU_Mmap {
   std::size_t size() const noexcept { return _length; }
 
  private:
+  int _fd = -1;
   void* _address = nullptr;
   std::size_t _length = 0;
 };

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/exception.h"
+#include "platform/shared_write_point.h"
 #include "platform/system_calls.h"
 
 namespace qel {
@@ -32,6 +33,7 @@ void ZU_Shm::init(std::size_t size, key_t key, bool owner) {
     _created = false;
     int id = systemCalls().shmget(key, 0, 0);
     if (id < 0 && errno == ENOENT) {
+      sharedWritePoint("new segment");
       id = systemCalls().shmget(key, size, IPC_CREAT | IPC_EXCL | kMode);
       if (id < 0 && errno == EEXIST) continue;
       _created = id >= 0;
@@ -78,6 +80,7 @@ void ZU_Shm::map(int id, key_t key, int flags) {
 }
 
 void ZU_Shm::remove() {
+  sharedWritePoint("removed segment");
   if (_id < 0 || systemCalls().shmctl(_id, IPC_RMID, nullptr) == 0) return;
   const int error = errno;
   if (error != EIDRM && error != EINVAL) throw ZU_Exception("[ZU_Shm::del]: shmctl failed", error);

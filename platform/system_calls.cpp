@@ -18,6 +18,7 @@ SystemCalls realSystemCalls() noexcept {
   calls.open = [](const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); };
   calls.close = ::close;
   calls.write = ::write;
+  calls.pwrite = ::pwrite;
   calls.posixFallocate = ::posix_fallocate;
   calls.ftruncate = ::ftruncate;
   calls.flock = ::flock;

@@ -27,6 +27,7 @@ struct SystemCalls {
   int (*open)(const char* path, int flags, mode_t mode);
   int (*close)(int fd);
   ssize_t (*write)(int fd, const void* data, size_t size);
+  ssize_t (*pwrite)(int fd, const void* data, size_t size, off_t offset);
   int (*posixFallocate)(int fd, off_t offset, off_t length);
   int (*ftruncate)(int fd, off_t length);
   int (*flock)(int fd, int operation);

@@ -45,13 +45,23 @@ void ClientInternals::publishCodes() {
   status.codeEntries = builtCodeEntries;
 }
 
+void ClientInternals::buildAll(const ravel::vIPProperty& ranges,
+                               std::shared_ptr<const CodeNames> names) {
+  built = LookupSnapshot::make(indexOf(ranges), std::move(names));
+}
+
 void ClientInternals::publishAll(const ravel::vIPProperty& ranges, const CodeMaps& maps) {
-  tables.publish(LookupSnapshot::make(indexOf(ranges), std::make_shared<const CodeNames>(maps)));
+  buildAll(ranges, std::make_shared<const CodeNames>(maps));
+  publishBuilt(ranges.size(), maps);
+}
+
+void ClientInternals::publishBuilt(std::size_t ranges, const CodeMaps& maps) {
+  tables.publish(std::move(built));
   std::lock_guard<std::mutex> hold(statusMutex);
   status.fromImage = true;
   status.ipReady = true;
   status.codesReady = true;
-  status.ranges = ranges.size();
+  status.ranges = ranges;
   status.codeEntries = entriesOf(maps);
   status.lastPublished = clock.time();
 }

@@ -1,5 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -46,7 +50,12 @@ struct ClientInternals {
   /// Publishes what buildCodes made.
   void publishCodes();
 
-  /// Builds and publishes both, as found in shared memory at the start.
+  /// Indexes `ranges`, which are sorted, under `names`: both as found in shared memory at the
+  /// start.
+  void buildAll(const ravel::vIPProperty& ranges, std::shared_ptr<const CodeNames> names);
+  /// Publishes what buildAll made of `ranges` ranges and the names of `maps`.
+  void publishBuilt(std::size_t ranges, const CodeMaps& maps);
+  /// Both in one.
   void publishAll(const ravel::vIPProperty& ranges, const CodeMaps& maps);
 
   void noteDigest(const std::string& digest);
@@ -64,6 +73,21 @@ struct ClientInternals {
   /// ranges takes seconds; a holder that is stopped may take for ever.
   int publisherLockMillis = 5000;
   int starterLockMillis = 10000;
+
+  /// The tables live in this process alone: at the start the image's lock or its segments were not
+  /// to be had, and no publication could attach to them since. No segment is then mapped.
+  bool unshared = false;
+
+  /// The process that `initialize` or `start` was called in, 0 before; a forked copy has none of
+  /// its threads, and whatever they were changing is in an unknown state.
+  std::atomic<pid_t> process{0};
+  bool isForkedCopy() const noexcept {
+    const pid_t own = process.load(std::memory_order_relaxed);
+    return own != 0 && own != getpid();
+  }
+
+  /// The client is being destroyed: a start under way on another thread ends early.
+  std::atomic<bool> destroying{false};
 
   /// The update thread has left its loop; guarded by the client's monitor.
   bool updateEnded = false;

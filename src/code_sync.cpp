@@ -41,25 +41,26 @@ bool TolvarAPI::checkCodeChangeRequest() {
     std::vector<ravel::CodeInfo> codes;
     _pTolvarPrx->totalDownloadCode(codes);
     std::sort(codes.begin(), codes.end());
-    const std::array<std::size_t, kCodeTables> counts = countByType(codes);
 
     const tolvar::ImageHold hold(m_internals->imageLock);
-    lockImage();
-    const int target = m_code_vector[0] == &m_code_vector_impl[0][0] ? 1 : 0;
-    beginPublication(target, &MemoryHead::code_usable);
-    for (int i = 0; i < kCodeTables; ++i)
-      ResizeCodeBuffer(target, i, counts[static_cast<std::size_t>(i)]);
-    for (int i = 0; i < kCodeTables; ++i) m_code_vector_impl[i][target].clear();
-    setHalf(target, &MemoryHead::code_usable, kMemoryStatusPending);
-    writeCodes(target, codes);
-    setHalf(target, &MemoryHead::code_usable, kMemoryStatusReady);
-    takeOverCodes(target, codes);
-
-    const int other = 1 - target;
-    setPending(other);
-    for (int i = 0; i < kCodeTables; ++i)
-      ResizeCodeBuffer(other, i, counts[static_cast<std::size_t>(i)]);
-    mirrorImage(target, other);
+    const bool shared = lockImage();
+    const int other = m_code_vector[0] == &m_code_vector_impl[0][0] ? 0 : 1;
+    const int target = 1 - other;
+    if (shared) {
+      beginPublication(target, &MemoryHead::code_usable);
+      makeRoomForCodes(target, codes);
+      setHalf(target, &MemoryHead::code_usable, kMemoryStatusPending);
+      writeCodes(target, codes);
+      setHalf(target, &MemoryHead::code_usable, kMemoryStatusReady);
+    }
+    takeOverCodes(shared ? target : other, codes);
+    if (shared) {
+      setPending(other);
+      const std::array<std::size_t, kCodeTables> counts = countByType(codes);
+      for (int i = 0; i < kCodeTables; ++i)
+        ResizeCodeBuffer(other, i, counts[static_cast<std::size_t>(i)]);
+      mirrorImage(target, other);
+    }
     m_internals->codeRetry.succeeded();
     m_isCheckingCode = false;
   } catch (const qel::ZU_Exception& error) {
@@ -73,6 +74,14 @@ bool TolvarAPI::checkCodeChangeRequest() {
     retryLater(m_internals->codeRetry, "code tables", "unknown failure");
   }
   return true;
+}
+
+/// Leaves empty vectors of a segment that have room for `codes`.
+void TolvarAPI::makeRoomForCodes(int target, const std::vector<ravel::CodeInfo>& codes) {
+  const std::array<std::size_t, kCodeTables> counts = countByType(codes);
+  for (int i = 0; i < kCodeTables; ++i)
+    ResizeCodeBuffer(target, i, counts[static_cast<std::size_t>(i)]);
+  for (int i = 0; i < kCodeTables; ++i) m_code_vector_impl[i][target].clear();
 }
 
 void TolvarAPI::writeCodes(int target, const std::vector<ravel::CodeInfo>& codes) {

@@ -1,4 +1,6 @@
-#include <cstring>
+#include <algorithm>
+#include <cerrno>
+#include <new>
 
 #include "src/client_internals.h"
 #include "src/client_log.h"
@@ -61,7 +63,24 @@ bool TolvarAPI::totalDownloadRequest() {
   return true;
 }
 
-bool TolvarAPI::gatherPage(const ravel::downloadInfo& page, std::uint64_t maxIndex) {
+/// Makes room for `ranges` more ranges, and for all that the service has left to send: positions
+/// mostly count ranges, so there are `left` of them. A vector that grew by and by would leave its
+/// earlier places behind, about as much memory as the table itself.
+void TolvarAPI::makeRoom(std::size_t ranges, std::uint64_t left) {
+  const std::size_t needed = m_vIPProperty.size() + ranges;
+  if (needed <= m_vIPProperty.capacity()) return;
+  const std::size_t expected = left <= kMaxTableRanges ? needed + static_cast<std::size_t>(left)
+                                                       : std::max(needed, m_ip_query_vec.size());
+  // An expectation that has already proved too low must not be followed page by page.
+  const std::size_t grown = m_vIPProperty.capacity() + m_vIPProperty.capacity() / 2;
+  try {
+    m_vIPProperty.reserve(std::min(std::max(expected, grown), kMaxTableRanges));
+  } catch (const std::bad_alloc&) {
+    // The service may be wrong about what is left; what there is room for comes in all the same.
+  }
+}
+
+bool TolvarAPI::gatherPage(ravel::downloadInfo& page, std::uint64_t maxIndex) {
   const std::uint64_t sent = m_currDownloadPos;
   const bool afresh = page.isdownloadReset == 1;
   if (afresh) m_vIPProperty.clear();
@@ -75,15 +94,17 @@ bool TolvarAPI::gatherPage(const ravel::downloadInfo& page, std::uint64_t maxInd
   m_vIPProperty.resize(m_internals->pageBegin);
   if (m_vIPProperty.size() + page.IPContent.size() > kMaxTableRanges) {
     m_isTotalDownLoading = false;
-    m_vIPProperty = {};
+    ravel::vIPProperty().swap(m_vIPProperty);
     throw qel::ZU_Exception("the service's table has more than " + std::to_string(kMaxTableRanges) +
                             " ranges; the download is given up until the next change check");
   }
-  for (const ravel::IPProperty& range : page.IPContent)
-    m_vIPProperty.push_back(withoutCursor(range));
-
   const std::uint64_t reached =
       cursorOf(page.IPContent.back().timesTamp, page.IPContent.back().sequence);
+  makeRoom(page.IPContent.size(), maxIndex - std::min(reached, maxIndex));
+  for (const ravel::IPProperty& range : page.IPContent)
+    m_vIPProperty.push_back(withoutCursor(range));
+  ravel::vIPProperty().swap(page.IPContent);  // the table may be published before the page goes
+
   const bool advances = reached > sent || (afresh && reached != 0 && reached != sent);
   if (advances) {
     m_internals->downloadRetry.succeeded();
@@ -106,8 +127,11 @@ void TolvarAPI::finishDownload() {
     throw;
   }
   m_internals->downloadRetry.succeeded();
-  if (m_posFile.getPointer() != nullptr)
-    std::memcpy(m_posFile.getPointer(), &m_currDownloadPos, sizeof m_currDownloadPos);
+  if (m_posFile.getPointer() != nullptr &&
+      !m_posFile.write(0, &m_currDownloadPos, sizeof m_currDownloadPos)) {
+    const int error = errno;
+    TOLVAR_LOG(kLogWarn, __LINE__, "cannot write downloadPos.dat, errno " << error);
+  }
   m_tEnd = m_internals->clock.timeOfDay();
   std::lock_guard<std::mutex> hold(m_internals->statusMutex);
   m_internals->status.downloadMillis = gathered - m_internals->downloadArmedSteady;

@@ -1,12 +1,13 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <vector>
 
 #include "platform/assertion.h"
+#include "platform/shared_write_point.h"
 #include "src/client_internals.h"
 #include "src/client_log.h"
 #include "src/segment_layout.h"
+#include "src/side_task.h"
 
 using tolvar::kCodeTables;
 using tolvar::kHeadBytes;
@@ -55,7 +56,7 @@ void TolvarAPI::ResizeShareMemory(int shm_index, std::size_t size) {
     keepContent(shm_index, old);
     throw;
   }
-  std::memcpy(shm.getPointer(), old.getPointer(), origin);
+  tolvar::copyToSegment(shm.getPointer(), old.getPointer(), origin);
   walkRegions(shm_index);
   WriteShareMemorySize(next);
 }
@@ -74,7 +75,7 @@ void TolvarAPI::keepContent(int shm_index, qel::ZU_Shm& old) {
     shm.swap(old);
     return;
   }
-  std::memcpy(shm.getPointer(), old.getPointer(), old.size());
+  tolvar::copyToSegment(shm.getPointer(), old.getPointer(), old.size());
   walkRegions(shm_index);
 }
 
@@ -95,15 +96,19 @@ void TolvarAPI::walkRegions(int shm_index) {
   }
 }
 
-/// Lays code region `code_index` behind its predecessor, its content taken from `saved`.
-void TolvarAPI::moveRegion(int shm_index, int code_index, const char* saved) {
+/// Moves the code regions from `first` on, size words included, up by `distance` bytes.
+void TolvarAPI::moveRegions(int shm_index, int first, std::size_t distance) {
+  if (first == kCodeTables) return;
   MemoryHolder& holder = m_holder[shm_index];
-  const ProlatePointer& before = code_index == 0 ? holder.ip_ptr : holder.code_ptr[code_index - 1];
-  ProlatePointer& region = holder.code_ptr[code_index];
-  const std::size_t size = region.Size();
-  char* const block = static_cast<char*>(before.Data()) + before.Size() + kSizeWordBytes;
-  std::memcpy(block, saved, size);
-  region.ReSet(block, size);
+  auto* const begin = static_cast<char*>(holder.code_ptr[first].GetPtr());
+  std::size_t bytes = 0;
+  for (int k = first; k < kCodeTables; ++k) bytes += bytesOf(holder.code_ptr[k]);
+  qel::sharedMoveUp("regions", begin + distance, begin, bytes);
+  for (int k = first; k < kCodeTables; ++k) {
+    ProlatePointer& region = holder.code_ptr[k];
+    region.ReSet(static_cast<char*>(region.Data()) + distance, region.Size());
+    m_code_vector_impl[k][shm_index].reset(region.Data(), region.Size());
+  }
 }
 
 void TolvarAPI::ResizeIpBuffer(int shm_index, std::size_t count) {
@@ -117,18 +122,9 @@ void TolvarAPI::ResizeIpBuffer(int shm_index, std::size_t count) {
   // The old block is counted on top of the new one, as a margin.
   ResizeShareMemory(shm_index, next + kHeadBytes + kSizeWordBytes + rest);
 
-  const auto* begin = static_cast<const char*>(holder.ip_ptr.Data());
-  const std::vector<char> saved(begin, begin + rest);
+  moveRegions(shm_index, 0, next - old);
   holder.ip_ptr.ReSet(holder.ip_ptr.Data(), next);
-  std::size_t at = old;
-  for (int k = 0; k < kCodeTables; ++k) {
-    const std::size_t bytes = bytesOf(holder.code_ptr[k]);
-    moveRegion(shm_index, k, saved.data() + at + kSizeWordBytes);
-    at += bytes;
-  }
   m_ip_vector_impl[shm_index].reset(holder.ip_ptr.Data(), holder.ip_ptr.Size());
-  for (int k = 0; k < kCodeTables; ++k)
-    m_code_vector_impl[k][shm_index].reset(holder.code_ptr[k].Data(), holder.code_ptr[k].Size());
 }
 
 void TolvarAPI::ResizeCodeBuffer(int shm_index, int code_index, std::size_t count) {
@@ -146,17 +142,9 @@ void TolvarAPI::ResizeCodeBuffer(int shm_index, int code_index, std::size_t coun
   // is covered by it.
   ResizeShareMemory(shm_index, before + next + after);
 
-  const auto* begin = static_cast<const char*>(grown.Data());
-  const std::vector<char> saved(begin, begin + after);
+  moveRegions(shm_index, code_index + 1, next - old);
   grown.ReSet(grown.Data(), next);
-  std::size_t at = old;
-  for (int k = code_index + 1; k < kCodeTables; ++k) {
-    const std::size_t bytes = bytesOf(holder.code_ptr[k]);
-    moveRegion(shm_index, k, saved.data() + at + kSizeWordBytes);
-    at += bytes;
-  }
-  for (int k = code_index; k < kCodeTables; ++k)
-    m_code_vector_impl[k][shm_index].reset(holder.code_ptr[k].Data(), holder.code_ptr[k].Size());
+  m_code_vector_impl[code_index][shm_index].reset(grown.Data(), grown.Size());
 }
 
 void TolvarAPI::CopyShareMemory(int from, int to) {
@@ -183,8 +171,9 @@ void TolvarAPI::copyImage(int from, int to, const MemoryHead& announced) {
   // The record is a hint. What is copied is the whole source, which the target is large enough for,
   // and neither mapping is touched beyond its end.
   total = std::min(m_shm[from].size(), m_shm[to].size());
-  std::memcpy(static_cast<char*>(m_shm[to].getPointer()) + offset,
-              static_cast<const char*>(m_shm[from].getPointer()) + offset, total - offset);
+  tolvar::copyToSegment(static_cast<char*>(m_shm[to].getPointer()) + offset,
+                        static_cast<const char*>(m_shm[from].getPointer()) + offset,
+                        total - offset);
   walkRegions(to);
 
   m_memory_head[to].ip_usable = announced.ip_usable;

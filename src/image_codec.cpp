@@ -1,6 +1,9 @@
 #include "src/image_codec.h"
 
-#include "include/lookup_types.h"
+#include <algorithm>
+#include <cstring>
+
+#include "src/range_codec.h"
 
 namespace tolvar {
 namespace {
@@ -15,7 +18,7 @@ std::vector<Record> decodeAll(const MemVector<Node>& nodes) {
       throw memVectorException("node " + std::to_string(i) + " claims an encoding of " +
                                std::to_string(node.encodedLength()) + " bytes");
     }
-    node.ParseTo(&records[i]);
+    decodeNode(node, &records[i]);
   }
   return records;
 }
@@ -33,17 +36,39 @@ void appendEncoded(const Record& record, MemVector<Node>* nodes) {
   nodes->writeData(node);
 }
 
-}  // namespace
-
-void ContentDigest::add(const ravel::IPAttribute& range) noexcept {
-  const GeneralAttribute image(range);
-  _md5.update(&image, sizeof image);
+template <class Range>
+std::string digestOf(std::span<const Range> ranges) {
+  ContentDigest digest;
+  for (const Range& range : ranges) digest.add(range);
+  return digest.finish();
 }
 
-std::string contentDigest(std::span<const ravel::IPAttribute> ranges) {
-  ContentDigest digest;
-  for (const ravel::IPAttribute& range : ranges) digest.add(range);
-  return digest.finish();
+}  // namespace
+
+template <class Range>
+void ContentDigest::take(const Range& range) noexcept {
+  const GeneralAttribute image(range);
+  std::memcpy(_images.data() + _waiting * sizeof image, &image, sizeof image);
+  if (++_waiting == kImages) digestImages();
+}
+template void ContentDigest::take(const ravel::IPAttribute&) noexcept;
+template void ContentDigest::take(const ravel::IPProperty&) noexcept;
+
+void ContentDigest::digestImages() noexcept {
+  _md5.update(_images.data(), _waiting * sizeof(GeneralAttribute));
+  _waiting = 0;
+}
+
+std::string ContentDigest::finish() {
+  digestImages();
+  return _md5.finishHex();
+}
+
+std::string contentDigest(std::span<const ravel::IPAttribute> ranges) { return digestOf(ranges); }
+std::string contentDigest(std::span<const ravel::IPProperty> ranges) { return digestOf(ranges); }
+
+void sortTable(ravel::vIPProperty* ranges) {
+  if (!std::is_sorted(ranges->begin(), ranges->end())) std::sort(ranges->begin(), ranges->end());
 }
 
 ravel::IPAttribute toAttribute(const ravel::IPProperty& range) noexcept {
@@ -59,21 +84,12 @@ ravel::IPAttribute toAttribute(const ravel::IPProperty& range) noexcept {
   return attribute;
 }
 
-ravel::IPProperty toProperty(const ravel::IPAttribute& range) noexcept {
-  ravel::IPProperty property;
-  property.startIP = range.startIP;
-  property.endIP = range.endIP;
-  property.place = range.place;
-  property.extend = range.extend;
-  property.oper = range.oper;
-  property.nettype = range.nettype;
-  property.apn = range.apn;
-  property.flable = range.flable;
-  return property;
-}
-
 std::vector<ravel::IPAttribute> decodeRanges(const IPVector& nodes) {
   return decodeAll<ravel::IPAttribute>(nodes);
+}
+
+ravel::vIPProperty decodeTable(const IPVector& nodes) {
+  return decodeAll<ravel::IPProperty>(nodes);
 }
 
 std::vector<ravel::CodeInfo> decodeCodes(const CodeVector& nodes) {
@@ -83,11 +99,11 @@ std::vector<ravel::CodeInfo> decodeCodes(const CodeVector& nodes) {
 void appendNode(const ravel::IPAttribute& record, IPVector* nodes) { appendEncoded(record, nodes); }
 void appendNode(const ravel::CodeInfo& record, CodeVector* nodes) { appendEncoded(record, nodes); }
 
-CodeMap codeMapOf(std::span<const ravel::CodeInfo> codes) {
+CodeMap codeMapOf(std::vector<ravel::CodeInfo> codes) {
   CodeMap map;
   map.reserve(codes.size());
-  for (const ravel::CodeInfo& code : codes)
-    map.insert_or_assign(static_cast<std::uint64_t>(code.ID), code);
+  for (ravel::CodeInfo& code : codes)
+    map.insert_or_assign(static_cast<std::uint64_t>(code.ID), std::move(code));
   return map;
 }
 

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/shared_write_point.h"
 #include "src/client_internals.h"
 #include "src/client_log.h"
 #include "src/segment_layout.h"
@@ -9,6 +10,8 @@ namespace {
 
 /// A wait for the lock looks this often whether the client is to stop.
 constexpr int kRoundMillis = 100;
+/// A client whose tables are its own can publish without the lock, so it does not wait for long.
+constexpr int kUnsharedMillis = 1000;
 
 }  // namespace
 
@@ -21,7 +24,7 @@ bool TolvarAPI::acquireImageLock(int milliseconds) {
     do {
       if (m_internals->imageLock.acquire(m_shm_key[2], kRoundMillis)) return true;
       waited += kRoundMillis;
-    } while (waited < milliseconds && !m_terminated);
+    } while (waited < milliseconds && !m_terminated && !m_internals->destroying);
     return false;
   } catch (const qel::ZU_Exception& error) {
     // A host without semaphores is served as well as it can be: by one publisher at a time.
@@ -30,19 +33,33 @@ bool TolvarAPI::acquireImageLock(int milliseconds) {
   }
 }
 
-void TolvarAPI::lockImage() {
-  if (!acquireImageLock(m_internals->publisherLockMillis)) {
+/// Begins a publication. True: under the lock, with the segments as they now are. False: the tables
+/// stay in this process, as the start found no way to share them and there still is none.
+bool TolvarAPI::lockImage() {
+  const bool unshared = m_internals->unshared;
+  const int limit = unshared ? std::min(m_internals->publisherLockMillis, kUnsharedMillis)
+                             : m_internals->publisherLockMillis;
+  if (acquireImageLock(limit)) {
+    if (unshared) return attachLate();
+    refreshAttachments();
+    return true;
+  }
+  if (!unshared) {
     throw qel::ZU_Exception("another process holds the lock of the share memory; trying again");
   }
-  refreshAttachments();
+  TOLVAR_LOG(kLogWarn, __LINE__,
+             "another process still holds the lock of the share memory, the tables stay in this "
+             "process");
+  return false;
 }
 
-void TolvarAPI::lockImageForStart() {
-  if (!acquireImageLock(m_internals->starterLockMillis)) {
-    TOLVAR_LOG(kLogError, __LINE__,
-               "another process has held the lock of the share memory for "
-                   << m_internals->starterLockMillis << " ms; starting without it");
-  }
+bool TolvarAPI::lockImageForStart() {
+  if (acquireImageLock(m_internals->starterLockMillis)) return true;
+  TOLVAR_LOG(kLogError, __LINE__,
+             "another process has held the lock of the share memory for "
+                 << m_internals->starterLockMillis
+                 << " ms; the tables stay in this process until a publication gets it");
+  return false;
 }
 
 /// Another process may have replaced a segment by a larger one, or moved regions in place, since
@@ -95,8 +112,9 @@ bool TolvarAPI::attachAgain(int shm_index) {
     // It was removed, but this process still has its content.
     MemoryHead head;
     std::memcpy(&head, old.getPointer(), sizeof head);
-    std::memcpy(static_cast<char*>(shm.getPointer()) + sizeof head,
-                static_cast<const char*>(old.getPointer()) + sizeof head, old.size() - sizeof head);
+    qel::sharedCopy("segment content", static_cast<char*>(shm.getPointer()) + sizeof head,
+                    static_cast<const char*>(old.getPointer()) + sizeof head,
+                    old.size() - sizeof head);
     WriteMemoryHead(shm_index, head);
   }
   return connectRegions(shm_index);

@@ -1,4 +1,7 @@
+#include <unistd.h>
+
 #include <cstdio>
+#include <new>
 
 #include "src/client_internals.h"
 #include "src/client_log.h"
@@ -58,9 +61,33 @@ TolvarAPI::TolvarAPI(qel::Clock& clock)
   m_internals->status.digest = m_cltMd5;
 }
 
-TolvarAPI::~TolvarAPI() { stopUpdateThread(); }
+TolvarAPI::~TolvarAPI() {
+  if (m_internals->isForkedCopy()) {
+    abandonParents();
+    return;
+  }
+  // A start that another thread is still at ends first.
+  m_internals->destroying = true;
+  std::lock_guard<std::mutex> hold(m_internals->initializing);
+  stopUpdateThread();
+}
+
+/// In a forked child: whatever a thread of the parent may have been changing when the process was
+/// copied is never looked at again, not even to free it. Members are made anew on top of it.
+void TolvarAPI::abandonParents() noexcept {
+  const auto abandon = []<class Member>(Member& member) { new (&member) Member(); };
+  abandon(m_client_conf);
+  abandon(_pTolvarPrx);
+  abandon(_pFTolvarPrx);
+  abandon(m_cltMd5);
+  abandon(m_vIPProperty);
+  abandon(m_ip_query_vec);
+  for (auto& map : m_code_query_map) abandon(map);
+  static_cast<void>(m_internals.release());
+}
 
 void TolvarAPI::stopUpdateThread() {
+  if (m_internals->isForkedCopy()) return;
   Lock hold(*this);
   terminate();
   notifyAll();
@@ -77,6 +104,7 @@ void TolvarAPI::stopUpdateThread() {
 }
 
 void TolvarAPI::start() {
+  m_internals->process = getpid();
   {
     Lock hold(*this);
     m_internals->updateEnded = false;
@@ -87,26 +115,52 @@ void TolvarAPI::start() {
 void TolvarAPI::terminate() { m_terminated = true; }
 
 TolvarStatus TolvarAPI::status() const {
-  std::lock_guard<std::mutex> hold(m_internals->statusMutex);
+  std::unique_lock<std::mutex> hold(m_internals->statusMutex, std::defer_lock);
+  if (m_internals->isForkedCopy()) {
+    // A thread of the parent that was at it will never be done.
+    if (!hold.try_lock()) return {};
+  } else {
+    hold.lock();
+  }
   return m_internals->status;
 }
 
 bool TolvarAPI::initialize(const TolvarAPIOptions& options) {
+  if (m_internals->isForkedCopy()) return refuseInFork();
+  std::lock_guard<std::mutex> hold(m_internals->initializing);
   try {
     m_init_options = options;
   } catch (const std::exception& error) {
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception:" << error.what());
     return false;
   }
-  return initialize(m_init_options.comm, m_init_options.ip_servant, m_init_options.fast_ip_servant,
-                    m_init_options.shm_key_1, m_init_options.shm_key_2, m_init_options.log_path,
-                    m_init_options.shm_key_3);
+  const TolvarAPIOptions& own = m_init_options;
+  return initializeAll(own.comm, own.ip_servant, own.fast_ip_servant,
+                       {own.shm_key_1, own.shm_key_2, own.shm_key_3}, own.log_path);
 }
 
 bool TolvarAPI::initialize(qel::Communicator* comm, std::string ip_servant,
                            std::string fast_ip_servant, key_t shm_key_1, key_t shm_key_2,
                            std::string log_path, key_t shm_key_3) {
+  if (m_internals->isForkedCopy()) return refuseInFork();
   std::lock_guard<std::mutex> hold(m_internals->initializing);
+  return initializeAll(comm, ip_servant, fast_ip_servant, {shm_key_1, shm_key_2, shm_key_3},
+                       log_path);
+}
+
+bool TolvarAPI::refuseInFork() {
+  TOLVAR_LIFECYCLE_LOG(
+      kLogError,
+      "initialize exception:this object belongs to the parent process, which keeps "
+      "it current; a forked child makes one of its own");
+  return false;
+}
+
+/// The caller holds `initializing`.
+bool TolvarAPI::initializeAll(qel::Communicator* comm, const std::string& ip_servant,
+                              const std::string& fast_ip_servant, const key_t (&keys)[3],
+                              const std::string& log_path) {
+  m_internals->process = getpid();
   try {
     stopUpdateThread();
     resetUpdateState();
@@ -120,7 +174,8 @@ bool TolvarAPI::initialize(qel::Communicator* comm, std::string ip_servant,
     TOLVAR_LIFECYCLE_LOG(kLogDebug, "current download position is " << m_currDownloadPos);
     loadClientConf();
     startReporter();
-    InitializeShareMemory(shm_key_1, shm_key_2, shm_key_3);
+    InitializeShareMemory(keys[0], keys[1], keys[2]);
+    if (m_internals->destroying) return false;
     start();
     return awaitReadiness();
   } catch (const std::exception& error) {
@@ -207,7 +262,7 @@ bool TolvarAPI::awaitReadiness() {
       clock.wait(m_has_initialized_cond, m_has_initialized_mutex, kReadyRoundMillis);
     mask = m_has_initialized;
     now = clock.steadyMillis() / 1000;
-  } while (mask != kAllReady && begin + kReadySeconds > now);
+  } while (mask != kAllReady && begin + kReadySeconds > now && !m_internals->destroying);
 
   std::string digest;
   {

@@ -1,40 +1,13 @@
 #include "include/lookup_types.h"
 #include "platform/toolkit.h"
 #include "src/client_internals.h"
-
-namespace {
-
-/// Neighbouring answers often have names of the same length, and then the string's own bookkeeping
-/// can be left alone.
-void assign(std::string_view name, std::string* out) {
-  if (name.size() == out->size()) {
-    name.copy(out->data(), name.size());
-  } else {
-    out->assign(name);
-  }
-}
-
-void copyNames(const IPNameView& names, IPHumanMessage* msg) {
-  assign(names.country, &msg->m_country);
-  assign(names.province, &msg->m_province);
-  assign(names.city, &msg->m_city);
-  assign(names.district, &msg->m_district);
-  assign(names.extend, &msg->m_extend);
-  assign(names.oper, &msg->m_oper);
-  assign(names.nettype, &msg->m_nettype);
-  assign(names.apn, &msg->m_apn);
-  assign(names.flable, &msg->m_flable);
-}
-
-}  // namespace
+#include "src/copy_names.h"
 
 bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) {
   const bool found = m_internals->tables.with([=](const tolvar::LookupSnapshot* tables) {
-    const std::uint32_t tuple = tables->ranges->findTuple(ip);
+    const std::uint32_t tuple = tables->finder.findTuple(ip);
     if (tuple == 0) return false;
-    IPNameView names;
-    tables->names->fill(tuple, &names);
-    copyNames(names, msg);
+    tolvar::copyNames(tables->names->row(tuple), msg);
     return true;
   });
   if (found && m_client_conf.getQueryData()->conf.statisOpen) {

@@ -2,6 +2,7 @@
 
 #include "include/segment_types.h"
 #include "platform/assertion.h"
+#include "platform/shared_write_point.h"
 
 void ProlatePointer::ReSet(void* ptr) {
   if (ptr == nullptr) {
@@ -24,5 +25,6 @@ void ProlatePointer::ReSet(void* data, std::size_t size) {
   m_data = data;
   m_size = size;
   m_ptr = static_cast<char*>(data) - sizeof word;
+  qel::sharedWritePoint("size word");
   std::memcpy(m_ptr, &word, sizeof word);
 }

@@ -1,27 +1,29 @@
-#include <algorithm>
-
 #include "src/client_internals.h"
 #include "src/client_log.h"
 #include "src/image_codec.h"
+#include "src/range_codec.h"
 #include "src/segment_layout.h"
+#include "src/side_task.h"
 
 void TolvarAPI::totalWriteData2Shm() {
   const tolvar::ImageHold hold(m_internals->imageLock);
-  lockImage();
+  const bool shared = lockImage();
   const int target = m_vectorIP == &m_ip_vector_impl[0] ? 1 : 0;
   const std::size_t count = m_vIPProperty.size();
   TOLVAR_LOG(kLogDebug, __LINE__, "before sort. m_vIPProperty.size = " << count);
 
+  if (!shared) return takeOverUnshared(count);
+
   beginPublication(target, &MemoryHead::ip_usable);
   ResizeIpBuffer(target, count);
-  m_ip_vector_impl[target].clear();
-  std::sort(m_vIPProperty.begin(), m_vIPProperty.end());
-  // Built before anything is announced: when memory runs out here, the old table keeps answering.
-  m_internals->buildRanges(m_vIPProperty);
+  tolvar::sortTable(&m_vIPProperty);
 
   m_tBegin = m_internals->clock.timeOfDay();
   setHalf(target, &MemoryHead::ip_usable, kMemoryStatusPending);
+  tolvar::SideTask index([this] { m_internals->buildRanges(m_vIPProperty); });
   const std::string digest = writeRanges(target);
+  // Built before anything is announced: when memory runs out here, the old table keeps answering.
+  index.finish();
   setHalf(target, &MemoryHead::ip_usable, kMemoryStatusReady);
   m_tEnd = m_internals->clock.timeOfDay();
 
@@ -37,18 +39,24 @@ void TolvarAPI::totalWriteData2Shm() {
                                                            << ", clt_md5=" << m_cltMd5);
 }
 
-std::string TolvarAPI::writeRanges(int target) {
+std::string TolvarAPI::writeRanges(int target) { return writeTable(target, m_vIPProperty); }
+
+/// Writes ranges over whatever the target's vector held; answers their digest.
+std::string TolvarAPI::writeTable(int target, const ravel::vIPProperty& ranges) {
+  IPVector& nodes = m_ip_vector_impl[target];
   tolvar::ContentDigest digest;
-  for (const ravel::IPProperty& property : m_vIPProperty) {
-    const ravel::IPAttribute range = tolvar::toAttribute(property);
+  nodes.rewind();
+  for (const ravel::IPProperty& range : ranges) {
     digest.add(range);
     try {
-      tolvar::appendNode(range, &m_ip_vector_impl[target]);
+      tolvar::encodeRange(range, nodes.beginNode());
+      nodes.endNode();
     } catch (const memVectorException& error) {
       TOLVAR_LOG(kLogError, __LINE__,
                  "TolvarAPI::totalWriteData2Shm() catch memVectorException: " << error.what());
     }
   }
+  nodes.clearRest();
   return digest.finish();
 }
 
@@ -63,18 +71,19 @@ void TolvarAPI::takeOverTable(int target, const std::string& digest) {
   announceReady(1);
 }
 
-void TolvarAPI::CalculateMd5FromShareMemory() { takeDigest(tolvar::decodeRanges(*m_vectorIP)); }
+void TolvarAPI::CalculateMd5FromShareMemory() {
+  const ravel::vIPProperty ranges = tolvar::decodeTable(*m_vectorIP);
+  takeDigest(tolvar::contentDigest(ranges), ranges.size());
+}
 
-void TolvarAPI::takeDigest(const std::vector<ravel::IPAttribute>& ranges) {
-  const std::string digest = tolvar::contentDigest(ranges);
+void TolvarAPI::takeDigest(const std::string& digest, std::size_t ranges) {
   {
     Lock hold(*this);
     m_cltMd5 = digest;
   }
   m_internals->noteDigest(digest);
-  TOLVAR_LOG(
-      kLogDebug, __LINE__,
-      "ip_size=" << ranges.size() << ", mem_len=" << 36 * ranges.size() << ", md5=" << digest);
+  TOLVAR_LOG(kLogDebug, __LINE__,
+             "ip_size=" << ranges << ", mem_len=" << 36 * ranges << ", md5=" << digest);
 }
 
 void TolvarAPI::beginPublication(int target, std::uint32_t MemoryHead::*half) {

@@ -12,30 +12,30 @@ TolvarReader::TolvarReader(const tolvar::ClientInternals& internals) noexcept
 TolvarReader TolvarAPI::read() const noexcept { return TolvarReader(*m_internals); }
 
 bool TolvarReader::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
-  return _tables->ranges->lookup(ip, info);
+  return _tables->finder.lookup(ip, info);
 }
 
 bool TolvarReader::getIPInfo(std::uint32_t ip, IPNameView* names) const noexcept {
-  const std::uint32_t tuple = _tables->ranges->findTuple(ip);
+  const std::uint32_t tuple = _tables->finder.findTuple(ip);
   if (tuple == 0) return false;
-  _tables->names->fill(tuple, names);
+  *names = _tables->names->row(tuple);
   return true;
 }
 
 std::size_t TolvarReader::getIPInfoBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
                                          std::uint8_t* found) const noexcept {
-  return _tables->ranges->findBatch(ips, infos, found);
+  return _tables->finder.findBatch(ips, infos, found);
 }
 
 bool TolvarAPI::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) {
   return m_internals->tables.with(
-      [=](const LookupSnapshot* tables) noexcept { return tables->ranges->lookup(ip, info); });
+      [=](const LookupSnapshot* tables) noexcept { return tables->finder.lookup(ip, info); });
 }
 
 std::size_t TolvarAPI::getIPInfoBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
                                       std::uint8_t* found) const noexcept {
   return m_internals->tables.with([=](const LookupSnapshot* tables) noexcept {
-    return tables->ranges->findBatch(ips, infos, found);
+    return tables->finder.findBatch(ips, infos, found);
   });
 }
 

@@ -1,11 +1,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <new>
 
+#include "platform/shared_write_point.h"
 #include "src/client_internals.h"
 #include "src/client_log.h"
 #include "src/image_codec.h"
 #include "src/segment_layout.h"
+#include "src/side_task.h"
 
 using tolvar::kCodeTables;
 using tolvar::kHeadBytes;
@@ -63,7 +66,7 @@ void TolvarAPI::WriteShareMemorySize(std::size_t size) {
   ShmSize record;
   std::fill(std::begin(record.m_usable), std::end(record.m_usable), kApiVersion);
   record.m_size = size;
-  std::memcpy(segment.getPointer(), &record, sizeof record);
+  qel::sharedCopy("size record", segment.getPointer(), &record, sizeof record);
 }
 
 void TolvarAPI::ReadMemoryHead(int shm_index, MemoryHead* head) {
@@ -78,10 +81,13 @@ void TolvarAPI::ReadMemoryHead(int shm_index, MemoryHead* head) {
 
 void TolvarAPI::WriteMemoryHead(int shm_index, const MemoryHead& head) {
   auto* shared = static_cast<MemoryHead*>(m_shm[shm_index].getPointer());
+  qel::sharedWritePoint("head padding");
   std::memcpy(&shared->pad0, &head.pad0, sizeof head - offsetof(MemoryHead, pad0));
   // Exchanges order both sides: content written before "ready" is in place before the word, and
   // "pending" is in place before the content changes.
+  qel::sharedWritePoint("ip status");
   StatusWord(shared->ip_usable).exchange(head.ip_usable, std::memory_order_seq_cst);
+  qel::sharedWritePoint("code status");
   StatusWord(shared->code_usable).exchange(head.code_usable, std::memory_order_seq_cst);
 }
 
@@ -90,9 +96,37 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
   m_shm_key[0] = key1;
   m_shm_key[1] = key2;
   m_shm_key[2] = key3;
+  forgetSegments();
   const tolvar::ImageHold lockHold(m_internals->imageLock);
-  lockImageForStart();
+  m_internals->unshared = !lockImageForStart();
 
+  int ready = -1;
+  tolvar::ImageRecords image;
+  if (!m_internals->unshared) attachForStart(&ready, &image);
+  // Whatever the other segment holds, it need not be the image chosen here.
+  m_internals->imagesInSync = ready < 0;
+
+  const int ready_shm_index = std::max(ready, 0);
+  if (ready >= 0) {
+    TOLVAR_LOG(kLogDebug, __LINE__,
+               "choose a ready share memory: " << ready
+                                               << "the param is:" << m_memory_head[ready].ip_usable
+                                               << "|" << m_memory_head[ready].code_usable);
+    useSegment(ready);
+    takeOverImage(image);
+  } else {
+    TOLVAR_LOG(kLogDebug, __LINE__,
+               "all share memory is NOT usable, use first block: " << ready_shm_index);
+  }
+  TOLVAR_LOG(kLogDebug, __LINE__,
+             "choose share memory index done. ready_shm_index = " << ready_shm_index);
+  useSegment(ready_shm_index);
+  if (m_internals->unshared) forgetSegments();
+}
+
+/// The size that segments are to be made with, as the record says; without one that makes sense,
+/// the default, which is then recorded.
+std::size_t TolvarAPI::totalSize() {
   std::size_t total = 0;
   const bool recorded = ReadShareMemorySize(&total);
   if (!recorded || total < tolvar::segmentBytes(tolvar::defaultRegionSizes()) ||
@@ -102,18 +136,22 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
     TOLVAR_LOG(kLogDebug, __LINE__, "GetShareMemorySize failed. use default shm_size.");
   }
   TOLVAR_LOG(kLogDebug, __LINE__, "total share memory size is " << (total >> 20) << "MB.");
+  return total;
+}
 
-  int ready = -1;
-  tolvar::ImageRecords image;
+/// Attaches both segments, and lays those anew that are new or damaged. `*ready` becomes the first
+/// that is ready, if any; its content goes into `*image` unless that is null.
+void TolvarAPI::attachImage(int* ready, tolvar::ImageRecords* image) {
+  const std::size_t total = totalSize();
   for (int shm_index = 0; shm_index < 2; ++shm_index) {
     attachSegment(shm_index, total);
     bool connect_success = true;
     if (!m_shm[shm_index].iscreate()) {
       ReadMemoryHead(shm_index, &m_memory_head[shm_index]);
       connect_success = connectRegions(shm_index);
-      if (connect_success && ready < 0 && m_memory_head[shm_index].ready()) {
-        connect_success = readImage(shm_index, &image);
-        if (connect_success) ready = shm_index;
+      if (connect_success && *ready < 0 && m_memory_head[shm_index].ready()) {
+        connect_success = image == nullptr || readImage(shm_index, image);
+        if (connect_success) *ready = shm_index;
       }
       if (!connect_success) {
         m_memory_head[shm_index].ip_usable = kMemoryStatusUnknown;
@@ -128,26 +166,6 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
     if (m_shm[shm_index].iscreate() || !connect_success)
       layRegions(shm_index, total, connect_success);
   }
-  // Whatever the other segment holds, it need not be the image chosen here.
-  m_internals->imagesInSync = ready < 0;
-
-  int ready_shm_index = 0;
-  if (ready >= 0) {
-    ready_shm_index = ready;
-    TOLVAR_LOG(kLogDebug, __LINE__,
-               "choose a ready share memory: " << ready
-                                               << "the param is:" << m_memory_head[ready].ip_usable
-                                               << "|" << m_memory_head[ready].code_usable);
-    useSegment(ready);
-    takeDigest(image.ranges);
-    takeOverImage(std::move(image));
-  } else {
-    TOLVAR_LOG(kLogDebug, __LINE__,
-               "all share memory is NOT usable, use first block: " << ready_shm_index);
-  }
-  TOLVAR_LOG(kLogDebug, __LINE__,
-             "choose share memory index done. ready_shm_index = " << ready_shm_index);
-  useSegment(ready_shm_index);
 }
 
 void TolvarAPI::attachSegment(int shm_index, std::size_t total) {
@@ -195,10 +213,15 @@ bool TolvarAPI::connectRegions(int shm_index) {
 
 bool TolvarAPI::readImage(int shm_index, tolvar::ImageRecords* image) {
   try {
-    image->ranges = tolvar::decodeRanges(m_ip_vector_impl[shm_index]);
-    for (int k = 0; k < kCodeTables; ++k)
-      image->codes[k] = tolvar::decodeCodes(m_code_vector_impl[k][shm_index]);
+    tolvar::SideTask codes([this, shm_index, image] {
+      for (int k = 0; k < kCodeTables; ++k)
+        image->codes[k] = tolvar::codeMapOf(tolvar::decodeCodes(m_code_vector_impl[k][shm_index]));
+    });
+    image->ranges = tolvar::decodeTable(m_ip_vector_impl[shm_index]);
+    codes.finish();
     return true;
+  } catch (const std::bad_alloc&) {
+    throw;  // that is no fault of the image
   } catch (const std::exception& error) {
     TOLVAR_LOG(kLogError, __LINE__,
                "share memory is damaged. shm_index=" << shm_index << ", " << error.what());
@@ -212,7 +235,12 @@ void TolvarAPI::layRegions(int shm_index, std::size_t total, bool connect_succes
   if (shm.size() < tolvar::segmentBytes(sizes)) {
     const MemoryHead head = m_memory_head[shm_index];
     shm.del();
-    shm.init(total, m_shm_key[shm_index]);
+    shm.init(std::max(total, tolvar::segmentBytes(sizes)), m_shm_key[shm_index]);
+    if (shm.size() < tolvar::segmentBytes(sizes)) {
+      throw qel::ZU_Exception("another process made the segment behind key " +
+                              std::to_string(m_shm_key[shm_index]) + " with " +
+                              std::to_string(shm.size()) + " bytes");
+    }
     WriteMemoryHead(shm_index, head);
   }
   ReadMemoryHead(shm_index, &m_memory_head[shm_index]);
@@ -245,15 +273,26 @@ void TolvarAPI::useSegment(int shm_index) {
   for (int k = 0; k < kCodeTables; ++k) m_code_vector[k] = &m_code_vector_impl[k][shm_index];
 }
 
-void TolvarAPI::takeOverImage(tolvar::ImageRecords image) {
-  ravel::vIPProperty ranges(image.ranges.size());
-  std::transform(image.ranges.begin(), image.ranges.end(), ranges.begin(), tolvar::toProperty);
-  if (!std::is_sorted(ranges.begin(), ranges.end())) std::sort(ranges.begin(), ranges.end());
+void TolvarAPI::takeOverImage(tolvar::ImageRecords& image) {
+  std::string digest;
+  const auto digestRanges = [&] { digest = tolvar::contentDigest(image.ranges); };
+  // The digest is that of the nodes as they stand, the index wants them in order.
+  const bool sorted = std::is_sorted(image.ranges.begin(), image.ranges.end());
+  if (!sorted) {
+    digestRanges();
+    std::sort(image.ranges.begin(), image.ranges.end());
+  }
+  tolvar::SideTask index([this, &image] {
+    m_internals->buildAll(image.ranges, std::make_shared<const tolvar::CodeNames>(image.codes));
+  });
+  if (sorted) digestRanges();
+  index.finish();
+  takeDigest(digest, image.ranges.size());
 
   std::lock_guard<qel::ZU_ThreadMutex> hold(m_has_initialized_mutex);
   m_has_initialized = 3;
-  m_ip_query_vec = std::move(ranges);
-  for (int k = 0; k < kCodeTables; ++k) m_code_query_map[k] = tolvar::codeMapOf(image.codes[k]);
-  m_internals->publishAll(m_ip_query_vec, m_code_query_map);
+  m_ip_query_vec = std::move(image.ranges);
+  std::move(std::begin(image.codes), std::end(image.codes), std::begin(m_code_query_map));
+  m_internals->publishBuilt(m_ip_query_vec.size(), m_code_query_map);
   m_has_initialized_cond.broadcast();
 }

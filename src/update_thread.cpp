@@ -33,12 +33,18 @@ void TolvarAPI::run() {
   notifyAll();
 }
 
-void TolvarAPI::noteError(const char* step, const std::string& what) {
+/// Called where a failure is being dealt with, so it lets none of its own out.
+void TolvarAPI::noteError(const char* step, const char* what) noexcept {
   std::lock_guard<std::mutex> hold(m_internals->statusMutex);
-  m_internals->status.lastError = std::string(step) + ": " + what;
+  std::string& last = m_internals->status.lastError;
+  try {
+    last.assign(step).append(": ").append(what);
+  } catch (const std::bad_alloc&) {
+    last.assign("no memory");  // short enough for the string object itself
+  }
 }
 
-void TolvarAPI::retryLater(tolvar::RetryBackoff& retry, const char* step, const std::string& what) {
+void TolvarAPI::retryLater(tolvar::RetryBackoff& retry, const char* step, const char* what) {
   noteError(step, what);
   const int delay = retry.failed();
   if (delay == 0) return;

@@ -26,6 +26,7 @@ std::string_view labelName(std::uint32_t id) noexcept {
 CodeNames::CodeNames() {
   for (Table& table : _tables) table.slots.resize(2);
   addLabels();
+  addReadableBytes();
 }
 
 CodeNames::CodeNames(const std::unordered_map<std::uint64_t, ravel::CodeInfo> (&maps)[kTypes]) {
@@ -34,9 +35,12 @@ CodeNames::CodeNames(const std::unordered_map<std::uint64_t, ravel::CodeInfo> (&
     for (const auto& [id, code] : map) bytes += code.content.size();
   }
   addLabels();
-  _text.reserve(_text.size() + bytes);
+  _text.reserve(_text.size() + bytes + kReadableBytes);
   for (std::size_t i = 0; i < _tables.size(); ++i) fill(&_tables[i], maps[i]);
+  addReadableBytes();
 }
+
+void CodeNames::addReadableBytes() { _text.insert(_text.end(), kReadableBytes, '\0'); }
 
 void CodeNames::addLabels() {
   for (const std::string_view label : kLabels) append(label);

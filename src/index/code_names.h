@@ -29,6 +29,9 @@ class CodeNames {
     std::uint32_t length = 0;  ///< bytes
   };
 
+  /// This many bytes may be read from the first one of every name on, however short it is.
+  static constexpr std::size_t kReadableBytes = 16;
+
   /// Code types: country, province, city, district, extend, oper, nettype, apn.
   static constexpr int kTypes = 8;
 
@@ -54,9 +57,6 @@ class CodeNames {
     return {_text.data() + place.offset, place.length};
   }
 
-  /// All names, one after the other.
-  const char* text() const noexcept { return _text.data(); }
-
   /// Memory held, in bytes.
   std::size_t memoryBytes() const noexcept;
 
@@ -71,6 +71,7 @@ class CodeNames {
   };
 
   void addLabels();
+  void addReadableBytes();
   Place append(std::string_view name);
   void fill(Table* table, const std::unordered_map<std::uint64_t, ravel::CodeInfo>& map);
 

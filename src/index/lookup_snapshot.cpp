@@ -30,8 +30,9 @@ std::unique_ptr<const LookupSnapshot> LookupSnapshot::withCodes(
 std::unique_ptr<const LookupSnapshot> LookupSnapshot::make(std::shared_ptr<const RangeIndex> ranges,
                                                            std::shared_ptr<const CodeNames> codes) {
   auto names = std::make_shared<const TupleNames>(*ranges, codes);
+  const RangeLookup& finder = *ranges;
   return std::make_unique<const LookupSnapshot>(
-      LookupSnapshot{std::move(ranges), std::move(codes), std::move(names)});
+      LookupSnapshot{finder, std::move(ranges), std::move(codes), std::move(names)});
 }
 
 }  // namespace tolvar

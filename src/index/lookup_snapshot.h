@@ -12,6 +12,7 @@ namespace tolvar {
 /// these `ranges` and `codes`. No member is null. Immutable once published; parts are shared
 /// between successive snapshots.
 struct LookupSnapshot {
+  RangeLookup finder;  ///< of `ranges`; here it spares a lookup one access to memory
   std::shared_ptr<const RangeIndex> ranges;
   std::shared_ptr<const CodeNames> codes;
   std::shared_ptr<const TupleNames> names;

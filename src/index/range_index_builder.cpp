@@ -68,10 +68,10 @@ RangeIndex RangeIndex::build(std::span<const ravel::IPProperty> ranges) {
 }
 
 RangeIndexBuilder::RangeIndexBuilder(std::size_t expectedRanges) {
-  _index._words.reserve(RangeIndex::kDirectoryWords + expectedRanges / 4);
-  _index._words.assign(RangeIndex::kDirectoryWords, 0);
-  _index._lines.reserve(expectedRanges / 8 + 1);
-  _index._lines.emplace_back();  // number 0 ends the chains of open lines
+  _index._ownWords.reserve(RangeIndex::kDirectoryWords + expectedRanges / 4);
+  _index._ownWords.assign(RangeIndex::kDirectoryWords, 0);
+  _index._ownLines.reserve(expectedRanges / 8 + 1);
+  _index._ownLines.emplace_back();  // number 0 ends the chains of open lines
   _tuples.emplace_back();
 }
 
@@ -89,7 +89,10 @@ RangeIndex RangeIndexBuilder::finish() {
   if (_uncovered < kAddresses) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
   closeBucketsBefore(RangeIndex::kBuckets);
   appendTuples();
-  _index._words.shrink_to_fit();
+  _index._ownWords.shrink_to_fit();
+  _index._words = _index._ownWords.data();
+  _index._leaves = _index._ownLines.data()->bytes;
+  _index._tuples = _index._ownLines.data() + _index._leafLines;
   return std::move(_index);
 }
 
@@ -132,11 +135,11 @@ void RangeIndexBuilder::makeBucket(std::uint32_t bucket, std::uint32_t tuple, Br
   const std::uint32_t second = 2 * bucket + 1;
   Directory directory{second, 16};
   if (breaks.size() <= RangeIndex::kLeafKeys) {
-    _index._words[second] = makeNode(block, breaks);
+    _index._ownWords[second] = makeNode(block, breaks);
   } else {
     directory = makeDirectory(block, breaks);
   }
-  _index._words[2 * bucket] = directory.base << 5 | directory.shift;
+  _index._ownWords[2 * bucket] = directory.base << 5 | directory.shift;
 }
 
 /// Second word of `block`, which has `breaks` strictly inside.
@@ -155,12 +158,12 @@ RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block
       breaks.size(), block.bits, RangeIndex::kLeafKeys,
       [&](std::size_t i) { return static_cast<std::uint32_t>(breaks[i].key) - block.start; });
   const std::uint32_t shift = block.bits - ownBits;
-  const std::size_t base = _index._words.size();
+  const std::size_t base = _index._ownWords.size();
   const std::size_t words = std::size_t{1} << ownBits;
   if (base + words > RangeIndex::kNumberMask) {
     throw std::length_error("the IP table has too many crowded address blocks to index");
   }
-  _index._words.resize(base + words);
+  _index._ownWords.resize(base + words);
   Block part{block.start, shift, block.tuple};
   std::size_t at = 0;
   for (std::size_t i = 0; i < words; ++i, part.start += 1u << shift) {
@@ -168,7 +171,7 @@ RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block
     std::size_t end = at;
     while (end < breaks.size() && (breaks[end].key - block.start) >> shift == i) ++end;
     const std::uint32_t word = makeNode(part, breaks.subspan(at, end - at));
-    _index._words[base + i] = word;
+    _index._ownWords[base + i] = word;
     if (end > at) part.tuple = breaks[end - 1].tuple;
     at = end;
   }
@@ -177,7 +180,7 @@ RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block
 
 std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
   const std::size_t unit = placeLeaf(leafUnits(breaks.size()));
-  unsigned char* out = _index._lines.data()->bytes + unit * RangeIndex::kUnitBytes;
+  unsigned char* out = _index._ownLines.data()->bytes + unit * RangeIndex::kUnitBytes;
   for (const Break& point : breaks) {
     const std::int16_t key = RangeIndex::keyOf(point.key);
     std::memcpy(out, &key, kKeyBytes);
@@ -201,11 +204,11 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
     std::memcpy(&_open[room], linkOf(line), sizeof line);
   } else {
     room = kLineUnits;
-    if ((_index._lines.size() + 1) * kLineUnits > RangeIndex::kNumberMask) {
+    if ((_index._ownLines.size() + 1) * kLineUnits > RangeIndex::kNumberMask) {
       throw std::length_error("the IP table has too many ranges to index");
     }
-    line = static_cast<std::uint32_t>(_index._lines.size());
-    _index._lines.emplace_back();
+    line = static_cast<std::uint32_t>(_index._ownLines.size());
+    _index._ownLines.emplace_back();
   }
   const std::size_t left = room - units;
   if (left >= kReadUnits) {
@@ -217,12 +220,12 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
 
 /// Where a line with room left, whose end is therefore free, says which the next such line is.
 unsigned char* RangeIndexBuilder::linkOf(std::uint32_t line) noexcept {
-  return _index._lines[line].bytes + RangeIndex::kLineBytes - sizeof line;
+  return _index._ownLines[line].bytes + RangeIndex::kLineBytes - sizeof line;
 }
 
 /// Puts the tuples behind the leaves, and turns the words of uniform blocks into places there.
 void RangeIndexBuilder::appendTuples() {
-  RangeIndex::Lines& lines = _index._lines;
+  RangeIndex::Lines& lines = _index._ownLines;
   const std::size_t leafLines = lines.size();
   if ((leafLines + _tuples.size()) * kLineUnits > RangeIndex::kNumberMask) {
     throw std::length_error("the IP table has too many ranges and attribute tuples to index");
@@ -243,7 +246,7 @@ void RangeIndexBuilder::appendTuples() {
     if ((word & 31u) != 0) return;
     word = static_cast<std::uint32_t>((leafLines + (word >> 5)) * kLineUnits + kLeafUnit) << 5;
   };
-  RangeIndex::Words& words = _index._words;
+  RangeIndex::Words& words = _index._ownWords;
   for (std::size_t i = 1; i < RangeIndex::kDirectoryWords; i += 2) place(words[i]);
   std::for_each(words.begin() + RangeIndex::kDirectoryWords, words.end(), place);
 }

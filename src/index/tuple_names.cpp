@@ -1,67 +1,91 @@
 #include "src/index/tuple_names.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace tolvar {
+namespace {
+
+/// Row sizes to choose from, in bytes: a row touches no more cache lines than it has to. In the
+/// largest, every name ends below 256.
+constexpr std::array<std::size_t, 5> kRowSizes = {32, 64, 128, 192, 256};
+
+/// Of this many tuples, one may have names that do not fit into a row: few enough for the lookups
+/// of popular places, which nobody can tell beforehand, not to take the longer way.
+constexpr std::size_t kApartShare = 4096;
+
+template <class Places>
+std::uint64_t textBytes(const Places& places) {
+  std::uint64_t bytes = 0;
+  for (const CodeNames::Place& place : places) bytes += place.length;
+  return bytes;
+}
+
+}  // namespace
 
 TupleNames::TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames> codes)
-    : _codes(std::move(codes)), _text(_codes->text()), _rows(ranges.tupleCount()) {
+    : _codes(std::move(codes)), _tuples(ranges.tupleCount()) {
+  chooseSize(ranges);
+  // At least a line more, so that the last name is followed by readable bytes too.
+  _lines.resize(_tuples * _rowBytes / sizeof(Line) + 2);
+  eachTuple(ranges, [&](std::uint32_t tuple, const Places& places) {
+    write(places, _lines.data()->bytes + std::size_t{tuple} * _rowBytes);
+  });
+}
+
+template <class Use>
+void TupleNames::eachTuple(const RangeIndex& ranges, Use use) const {
   // Tuples are numbered as they appear in the table, so neighbours share most of their ids.
   std::array<std::uint64_t, kNames> known{};
-  std::array<CodeNames::Place, kNames> places{};
+  Places places{};
   for (std::size_t i = 0; i < kNames - 1; ++i) {
     places[i] = _codes->findPlace(static_cast<int>(i), 0);
   }
-  for (std::uint32_t tuple = 1; tuple < _rows.size(); ++tuple) {
+  for (std::uint32_t tuple = 1; tuple < _tuples; ++tuple) {
     const ravel::IPInfo& info = ranges.info(tuple);
     const std::array<std::uint64_t, kNames> ids = {
         info.country, info.province, info.city,    static_cast<std::uint64_t>(info.district),
         info.extend,  info.oper,     info.nettype, info.apn,
         info.flable};
     for (std::size_t i = 0; i < kNames; ++i) {
-      if (ids[i] != known[i]) {
-        known[i] = ids[i];
-        places[i] = i < kNames - 1 ? _codes->findPlace(static_cast<int>(i), ids[i])
-                                   : _codes->labelPlace(static_cast<std::uint32_t>(ids[i]));
-      }
-      setName(&_rows[tuple], i, places[i]);
+      if (ids[i] == known[i]) continue;
+      known[i] = ids[i];
+      places[i] = i < kNames - 1 ? _codes->findPlace(static_cast<int>(i), ids[i])
+                                 : _codes->labelPlace(static_cast<std::uint32_t>(ids[i]));
     }
+    use(tuple, std::as_const(places));
   }
-  const auto before = [](const CodeNames::Place& a, const CodeNames::Place& b) {
-    return a.offset < b.offset;
-  };
-  std::sort(_long.begin(), _long.end(), before);
 }
 
-void TupleNames::setName(Row* line, std::size_t name, CodeNames::Place place) {
-  line->offsets[name] = place.offset;
-  if (place.length < kLong) {
-    line->lengths[name] = static_cast<std::uint16_t>(place.length);
+void TupleNames::chooseSize(const RangeIndex& ranges) {
+  std::array<std::size_t, kRowSizes.size()> tooSmall{};
+  eachTuple(ranges, [&](std::uint32_t, const Places& places) {
+    const std::uint64_t need = IPNameView::kTextAt + textBytes(places);
+    for (std::size_t i = 0; i < kRowSizes.size(); ++i) tooSmall[i] += need > kRowSizes[i];
+  });
+  const auto chosen = std::find_if(tooSmall.begin(), tooSmall.end() - 1, [&](std::size_t apart) {
+    return apart <= _tuples / kApartShare;
+  });
+  _rowBytes = kRowSizes[static_cast<std::size_t>(chosen - tooSmall.begin())];
+  // Rows show these by address, so they may not move.
+  _apart.reserve(tooSmall[static_cast<std::size_t>(chosen - tooSmall.begin())]);
+}
+
+void TupleNames::write(const Places& places, char* row) {
+  if (IPNameView::kTextAt + textBytes(places) > _rowBytes) {
+    Views& views = _apart.emplace_back();
+    for (std::size_t i = 0; i < kNames; ++i) views[i] = _codes->view(places[i]);
+    row[kNames] = 1;
+    const std::string_view* const first = views.data();
+    std::memcpy(row + IPNameView::kTextAt, &first, sizeof first);
     return;
   }
-  line->lengths[name] = kLong;
-  line->hasLong = true;
-  const auto same = [&](const CodeNames::Place& other) { return other.offset == place.offset; };
-  if (std::none_of(_long.begin(), _long.end(), same)) _long.push_back(place);
-}
-
-void TupleNames::fillLong(const Row& line, NameRow* names) const noexcept {
-  *names = {view(line, 0), view(line, 1), view(line, 2), view(line, 3), view(line, 4),
-            view(line, 5), view(line, 6), view(line, 7), view(line, 8)};
-}
-
-std::string_view TupleNames::longView(std::uint32_t offset) const noexcept {
-  const auto below = [](const CodeNames::Place& place, std::uint32_t wanted) {
-    return place.offset < wanted;
-  };
-  const auto found = std::lower_bound(_long.begin(), _long.end(), offset, below);
-  return {_text + found->offset, found->length};
-}
-
-std::size_t TupleNames::memoryBytes() const noexcept {
-  return sizeof *this + _rows.capacity() * sizeof(Row) +
-         _long.capacity() * sizeof(CodeNames::Place);
+  std::size_t end = 0;
+  for (std::size_t i = 0; i < kNames; ++i) {
+    end += _codes->view(places[i]).copy(row + IPNameView::kTextAt + end, places[i].length);
+    row[i] = static_cast<char>(end);
+  }
 }
 
 }  // namespace tolvar

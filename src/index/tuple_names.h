@@ -7,83 +7,70 @@
 #include <string_view>
 #include <vector>
 
-#include "include/lookup_types.h"
+#include "include/name_view.h"
 #include "platform/huge_pages.h"
 #include "src/index/code_names.h"
 #include "src/index/range_index.h"
 
 namespace tolvar {
 
-/// The nine names of an attribute tuple; a name that the code tables do not have is empty.
-using NameRow = ::IPNameView;
-
-/// The names of every attribute tuple of a RangeIndex, resolved once, in one cache line a tuple.
+/// The names of every attribute tuple of a RangeIndex, resolved once; a name that the code tables
+/// do not have is empty. The text of a tuple's names lies together in a row, because nine names at
+/// nine places would be nine waits for memory. All rows have the same size, chosen for the table so
+/// that nearly all tuples' text fits; the names of the others are shown where the CodeNames have
+/// them.
+///
 /// Immutable: every operation may be called from any number of threads at once, and none
 /// allocates, locks or calls the operating system.
 class TupleNames {
  public:
+  /// From the first byte of every name on, this many may be read: whoever copies short names need
+  /// not look at their lengths.
+  static constexpr std::size_t kReadableBytes = CodeNames::kReadableBytes;
+
   /// Resolves the tuples of `ranges` (used during the call only) with `codes`, which the object
   /// keeps and which is not null. Throws std::bad_alloc.
   TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames> codes);
 
-  /// Writes the names of `tuple`, a number below tupleCount(), to `*names`. Tuple 0 has nine empty
-  /// ones. The views are valid as long as the CodeNames the object was built with.
-  void fill(std::uint32_t tuple, NameRow* names) const noexcept {
-    const Row& line = _rows[tuple];
-    if (line.hasLong) [[unlikely]] {
-      fillLong(line, names);
-      return;
-    }
-    // One by one and in place: a row put together first and copied then is read back in larger
-    // pieces than it was written, which processors have to wait for.
-    names->country = shortView(line, 0);
-    names->province = shortView(line, 1);
-    names->city = shortView(line, 2);
-    names->district = shortView(line, 3);
-    names->extend = shortView(line, 4);
-    names->oper = shortView(line, 5);
-    names->nettype = shortView(line, 6);
-    names->apn = shortView(line, 7);
-    names->flable = shortView(line, 8);
+  /// The names of `tuple`, a number below tupleCount(). Tuple 0 has nine empty ones. Valid as long
+  /// as the object.
+  IPNameView row(std::uint32_t tuple) const noexcept {
+    return IPNameView(_lines.data()->bytes + std::size_t{tuple} * _rowBytes);
   }
 
-  NameRow row(std::uint32_t tuple) const noexcept {
-    NameRow names;
-    fill(tuple, &names);
-    return names;
-  }
+  std::size_t tupleCount() const noexcept { return _tuples; }
 
-  std::size_t tupleCount() const noexcept { return _rows.size(); }
+  /// Bytes of a row.
+  std::size_t rowBytes() const noexcept { return _rowBytes; }
 
   /// Memory held, in bytes, without the CodeNames.
-  std::size_t memoryBytes() const noexcept;
+  std::size_t memoryBytes() const noexcept {
+    return sizeof *this + _lines.capacity() * sizeof(Line) + _apart.capacity() * sizeof(Views);
+  }
 
  private:
-  static constexpr std::size_t kNames = 9;
-  /// Stands for a length of this and more; the true one is in _long.
-  static constexpr std::uint16_t kLong = UINT16_MAX;
-
-  struct alignas(64) Row {
-    std::array<std::uint32_t, kNames> offsets;
-    std::array<std::uint16_t, kNames> lengths;
-    bool hasLong = false;  ///< some length is kLong
+  struct alignas(64) Line {
+    char bytes[64];
   };
-  static_assert(sizeof(Row) == 64);
+  static_assert(kReadableBytes <= sizeof(Line));
 
-  std::string_view shortView(const Row& line, std::size_t name) const noexcept {
-    return {_text + line.offsets[name], line.lengths[name]};
-  }
-  std::string_view view(const Row& line, std::size_t name) const noexcept {
-    return line.lengths[name] == kLong ? longView(line.offsets[name]) : shortView(line, name);
-  }
-  void fillLong(const Row& line, NameRow* names) const noexcept;
-  std::string_view longView(std::uint32_t offset) const noexcept;
-  void setName(Row* line, std::size_t name, CodeNames::Place place);
+  static constexpr std::size_t kNames = IPNameView::kNames;
+  using Places = std::array<CodeNames::Place, kNames>;
+  using Views = std::array<std::string_view, kNames>;
+
+  /// Calls `use(tuple, places)` for all tuples but 0, in order.
+  template <class Use>
+  void eachTuple(const RangeIndex& ranges, Use use) const;
+
+  /// How many tuples have text that does not fit into a row, for each size there is.
+  void chooseSize(const RangeIndex& ranges);
+  void write(const Places& places, char* row);
 
   std::shared_ptr<const CodeNames> _codes;
-  const char* _text;
-  std::vector<Row, qel::HugePageAllocator<Row>> _rows;
-  std::vector<CodeNames::Place> _long;  ///< places of names of kLong bytes or more, by offset
+  std::size_t _tuples;
+  std::size_t _rowBytes = 0;
+  std::vector<Line, qel::HugePageAllocator<Line>> _lines;
+  std::vector<Views> _apart;  ///< names of the tuples whose text does not fit
 };
 
 }  // namespace tolvar

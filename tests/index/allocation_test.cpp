@@ -34,7 +34,7 @@ TEST(LookupPath, AllocatesNothing) {
     ravel::IPInfo info;
     hits += guard->ranges->find(ip) != nullptr;
     hits += guard->ranges->lookup(ip, &info);
-    letters += guard->names->row(guard->ranges->findTuple(ip)).district.size();
+    letters += guard->names->row(guard->ranges->findTuple(ip)).district().size();
     letters += guard->codes->find(3, 5).size();
   }
   holder.read()->ranges->findBatch(ips, infos.data(), found.data());

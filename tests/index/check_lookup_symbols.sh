@@ -14,7 +14,7 @@ fi
 status=0
 for object in "$@"; do
   symbols=$("$nm" -C "$object")
-  if ! echo "$symbols" | grep -qE 'getIPInfo|RangeIndex::findBatch|Toolkit::parseIPv4'; then
+  if ! echo "$symbols" | grep -qE 'getIPInfo|RangeLookup::findBatch|Toolkit::parseIPv4'; then
     echo "check_lookup_symbols: $object is not an object file of the lookup path" >&2
     exit 2
   fi
@@ -23,8 +23,7 @@ for object in "$@"; do
     -e '_GLOBAL_OFFSET_TABLE_|__tls_get_addr|__gxx_personality_v0|(memcpy|memset|memmove)(@.*)?' \
     -e 'tolvar::epochs::(threadSlot|processEpoch)' \
     -e 'tolvar::epochs::(beginOtherwise|endOtherwise)\(tolvar::ReaderSlot\*\)' \
-    -e 'tolvar::RangeIndex::find(Batch|Tuples)\(.*\) const' \
-    -e 'tolvar::TupleNames::fillLong\(.*\) const' || true)
+    -e 'tolvar::RangeLookup::find(Batch|Tuples)\(.*\) const' || true)
   if [ -n "$foreign" ]; then
     printf '%s calls what a lookup may not call:\n%s\n' "$object" "$foreign"
     status=1

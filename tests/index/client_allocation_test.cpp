@@ -70,7 +70,7 @@ TEST_F(ClientAllocations, NamesAsViewsMakeNone) {
     const TolvarReader reader = client.read();
     IPNameView names;
     for (const std::uint32_t ip : ips) {
-      if (reader.getIPInfo(ip, &names)) letters += names.district.size();
+      if (reader.getIPInfo(ip, &names)) letters += names.district().size();
     }
   }
   EXPECT_EQ(allocationCount(), before);

@@ -9,7 +9,6 @@ namespace {
 
 using tolvar::CodeNames;
 using tolvar::LookupSnapshot;
-using tolvar::NameRow;
 using tolvar::RangeIndex;
 using tolvar::TupleNames;
 using Maps = std::unordered_map<std::uint64_t, ravel::CodeInfo>[8];
@@ -47,20 +46,20 @@ TEST(TupleNames, NamesTheNineFields) {
   fill(maps);
   const auto index = indexOf({range(1, 86110105001), range(2, 87)});
   const TupleNames names(*index, std::make_shared<const CodeNames>(maps));
-  const NameRow row = names.row(index->findTuple(1));
-  EXPECT_EQ(row.country, "country");
-  EXPECT_EQ(row.province, "province");
-  EXPECT_EQ(row.city, "city");
-  EXPECT_EQ(row.district, "district");
-  EXPECT_EQ(row.extend, "extend");
-  EXPECT_EQ(row.oper, "oper");
-  EXPECT_EQ(row.nettype, "nettype");
-  EXPECT_EQ(row.apn, "apn");
-  EXPECT_EQ(row.flable, "PLEX");
-  const NameRow unknown = names.row(index->findTuple(2));
-  EXPECT_EQ(unknown.country, "");
-  EXPECT_EQ(unknown.district, "");
-  EXPECT_EQ(unknown.oper, "oper");
+  const IPNameView row = names.row(index->findTuple(1));
+  EXPECT_EQ(row.country(), "country");
+  EXPECT_EQ(row.province(), "province");
+  EXPECT_EQ(row.city(), "city");
+  EXPECT_EQ(row.district(), "district");
+  EXPECT_EQ(row.extend(), "extend");
+  EXPECT_EQ(row.oper(), "oper");
+  EXPECT_EQ(row.nettype(), "nettype");
+  EXPECT_EQ(row.apn(), "apn");
+  EXPECT_EQ(row.flable(), "PLEX");
+  const IPNameView unknown = names.row(index->findTuple(2));
+  EXPECT_EQ(unknown.country(), "");
+  EXPECT_EQ(unknown.district(), "");
+  EXPECT_EQ(unknown.oper(), "oper");
 }
 
 TEST(TupleNames, NoRangeHasNoNames) {
@@ -69,8 +68,8 @@ TEST(TupleNames, NoRangeHasNoNames) {
   const auto index = indexOf({});
   const TupleNames names(*index, std::make_shared<const CodeNames>(maps));
   ASSERT_EQ(names.tupleCount(), 1u);
-  EXPECT_EQ(names.row(0).country, "");
-  EXPECT_EQ(names.row(0).flable, "");
+  EXPECT_EQ(names.row(0).country(), "");
+  EXPECT_EQ(names.row(0).flable(), "");
 }
 
 TEST(TupleNames, TheIdZeroMayHaveAName) {
@@ -78,7 +77,7 @@ TEST(TupleNames, TheIdZeroMayHaveAName) {
   maps[0][0].content = "nowhere";
   const auto index = indexOf({range(1, 999)});
   const TupleNames names(*index, std::make_shared<const CodeNames>(maps));
-  EXPECT_EQ(names.row(index->findTuple(1)).country, "nowhere");
+  EXPECT_EQ(names.row(index->findTuple(1)).country(), "nowhere");
 }
 
 TEST(TupleNames, NamesOfAnyLengthAreWhole) {
@@ -92,7 +91,7 @@ TEST(TupleNames, NamesOfAnyLengthAreWhole) {
   const auto index = indexOf(table);
   const TupleNames names(*index, std::make_shared<const CodeNames>(maps));
   for (std::uint32_t i = 1; i < 40; ++i) {
-    ASSERT_TRUE(names.row(index->findTuple(i)).district == maps[3][i].content) << i;
+    ASSERT_TRUE(names.row(index->findTuple(i)).district() == maps[3][i].content) << i;
   }
 }
 
@@ -110,10 +109,10 @@ TEST(TupleNames, AgreesWithTheCodesOfEveryTuple) {
   const auto codes = std::make_shared<const CodeNames>(maps);
   const TupleNames names(*index, codes);
   for (std::uint32_t i = 0; i < 3000; ++i) {
-    const NameRow row = names.row(index->findTuple(i));
-    ASSERT_EQ(row.district, i % 3 != 0 ? "d" + std::to_string(i) : "");
-    ASSERT_EQ(row.oper, i % 50 < 45 ? "o" + std::to_string(i % 50) : "");
-    ASSERT_EQ(row.flable, tolvar::labelName(i % 20));
+    const IPNameView row = names.row(index->findTuple(i));
+    ASSERT_EQ(row.district(), i % 3 != 0 ? "d" + std::to_string(i) : "");
+    ASSERT_EQ(row.oper(), i % 50 < 45 ? "o" + std::to_string(i % 50) : "");
+    ASSERT_EQ(row.flable(), tolvar::labelName(i % 20));
   }
 }
 
@@ -125,14 +124,14 @@ TEST(LookupSnapshot, NewRangesKeepTheCodesAndTheOtherWayRound) {
   const auto second = indexOf({range(2, 86110105001)});
 
   const auto a = LookupSnapshot::withRanges(nullptr, first);
-  EXPECT_EQ(a->names->row(a->ranges->findTuple(1)).city, "");
+  EXPECT_EQ(a->names->row(a->ranges->findTuple(1)).city(), "");
   const auto b = LookupSnapshot::withCodes(a.get(), codes);
   EXPECT_EQ(b->ranges, first);
-  EXPECT_EQ(b->names->row(b->ranges->findTuple(1)).city, "city");
+  EXPECT_EQ(b->names->row(b->ranges->findTuple(1)).city(), "city");
   const auto c = LookupSnapshot::withRanges(b.get(), second);
   EXPECT_EQ(c->codes, codes);
   EXPECT_EQ(c->ranges->findTuple(1), 0u);
-  EXPECT_EQ(c->names->row(c->ranges->findTuple(2)).city, "city");
+  EXPECT_EQ(c->names->row(c->ranges->findTuple(2)).city(), "city");
   const auto d = LookupSnapshot::withCodes(nullptr, codes);
   EXPECT_EQ(d->ranges->rangeCount(), 0u);
   EXPECT_EQ(d->codes->find(2, 86110105), "city");

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -173,6 +174,41 @@ TEST(Mmap, ASignalDoesNotMakeItFail) {
   map.mmap(directory.file("pos"), kPositionFileSize);
   EXPECT_EQ(tries, 6);
   EXPECT_EQ(map.size(), kPositionFileSize);
+}
+
+TEST(Mmap, WriteReachesAFileThatSomebodyCut) {
+  TempDir directory;
+  const std::string path = directory.file("pos");
+  ZU_Mmap map;
+  map.mmap(path, kPositionFileSize);
+  EXPECT_TRUE(map.write(0, "12345678", 8));
+  EXPECT_EQ(std::string(static_cast<char*>(map.getPointer()), 8), "12345678");
+  ASSERT_EQ(truncate(path.c_str(), 0), 0);
+  EXPECT_TRUE(map.write(2, "abc", 3));
+  EXPECT_EQ(tolvar_test::readFile(path), std::string("\0\0abc", 5));
+}
+
+TEST(Mmap, WriteGoesOnAfterSignalsAndPartsAndSaysWhenItCannot) {
+  TempDir directory;
+  const std::string path = directory.file("pos");
+  SystemCallsGuard guard;
+  tries = 0;
+  guard.calls().pwrite = [](int fd, const void* data, std::size_t, off_t offset) -> ssize_t {
+    if (++tries % 2 == 1) {
+      errno = EINTR;
+      return -1;
+    }
+    return ::pwrite(fd, data, 1, offset);
+  };
+  ZU_Mmap map;
+  map.mmap(path, kPositionFileSize);
+  EXPECT_TRUE(map.write(1, "abc", 3));
+  EXPECT_EQ(tolvar_test::readFile(path), std::string("\0abc\0\0\0\0\0", 9));
+  guard.calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
+    errno = ENOSPC;
+    return -1;
+  };
+  EXPECT_FALSE(map.write(1, "abc", 3));
 }
 
 }  // namespace

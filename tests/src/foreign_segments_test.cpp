@@ -173,7 +173,7 @@ TEST(OwnSegments, RecordOfASizeThatCannotBeHadFallsBackToTheDefault) {
   EXPECT_EQ(RawSegment(keys.data1()).size(), 73695648u);
 }
 
-TEST(OwnSegments, NoSegmentAtAllIsAnExceptionThatNamesCallAndKey) {
+TEST(OwnSegments, NoSegmentAtAllIsLoggedWithCallAndKeyAndTheClientGoesOnAlone) {
   ShmKeys keys;
   SystemCallsGuard guard;
   guard.calls().shmget = [](key_t key, std::size_t size, int flags) {
@@ -183,7 +183,12 @@ TEST(OwnSegments, NoSegmentAtAllIsAnExceptionThatNamesCallAndKey) {
     }
     return ::shmget(key, size, flags);
   };
-  EXPECT_THAT(failureOf(keys), AllOf(HasSubstr("shmget"), HasSubstr(std::to_string(keys.data0()))));
+  StoreClient client;
+  client.open(keys);
+  EXPECT_THAT(client.err, AllOf(HasSubstr("no share memory to be had"), HasSubstr("shmget"),
+                                HasSubstr(std::to_string(keys.data0()))));
+  EXPECT_TRUE(client.access.internals().unshared);
+  EXPECT_EQ(client.access.shm(0).getPointer(), nullptr);
 }
 
 }  // namespace

@@ -196,5 +196,21 @@ TEST(ChangeCheck, WallClockSetBackDoesNotSilenceIt) {
   EXPECT_EQ(checksIn(scene), 2u);
 }
 
+TEST(ChangeCheck, WallClockSetForwardADayCostsOneEarlyCheckAndNoMore) {
+  StepScene scene;
+  EXPECT_TRUE(scene.access.checkChange());
+  scene.clock.stepWall(86400 * 1000LL);
+  EXPECT_TRUE(scene.access.checkChange());
+  EXPECT_EQ(scene.client.status().lastCheck, scene.clock.time());
+  scene.clock.advance(599999);
+  EXPECT_FALSE(scene.access.checkChange());
+  scene.clock.stepWall(-86400 * 1000LL);
+  EXPECT_FALSE(scene.access.checkChange()) << "and back";
+  scene.clock.advance(1);
+  EXPECT_TRUE(scene.access.checkChange());
+  EXPECT_EQ(scene.client.status().lastCheck, scene.clock.time());
+  EXPECT_EQ(checksIn(scene), 3u);
+}
+
 }  // namespace
 }  // namespace tolvar_test

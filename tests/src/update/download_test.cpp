@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
 #include "tests/src/update/scene.h"
+#include "tests/support/system_calls_guard.h"
 
 namespace tolvar_test {
 namespace {
@@ -146,6 +149,50 @@ TEST(Download, EmptyPageFinishesAtOnceAndKeepsThePosition) {
   std::uint64_t stored = 0;
   std::memcpy(&stored, file.data(), sizeof stored);
   EXPECT_EQ(stored, cursor(5, 7));
+}
+
+/// A write to the mapping would end the process with SIGBUS.
+TEST(Download, PositionFileThatSomebodyCutIsWrittenAnew) {
+  DownloadScene scene;
+  scene.access.posFile().mmap("downloadPos.dat", 9);
+  ASSERT_EQ(truncate("downloadPos.dat", 0), 0);
+  scene.access.currDownloadPos() = cursor(5, 7);
+  scene.answer = page(9, 1, 0, 100);
+  EXPECT_TRUE(scene.access.totalDownloadRequest());
+  EXPECT_TRUE(scene.published());
+  const std::uint64_t position = cursor(5, 7);
+  const std::string file = readFile("downloadPos.dat");
+  ASSERT_EQ(file.size(), sizeof position);
+  EXPECT_EQ(std::memcmp(file.data(), &position, sizeof position), 0);
+}
+
+TEST(Download, PositionFileThatCannotBeWrittenIsLoggedAndCostsNothing) {
+  DownloadScene scene;
+  scene.access.posFile().mmap("downloadPos.dat", 9);
+  SystemCallsGuard guard;
+  guard.calls().pwrite = [](int, const void*, size_t, off_t) -> ssize_t {
+    errno = ENOSPC;
+    return -1;
+  };
+  scene.answer = page(9, 1, 0, 100);
+  EXPECT_TRUE(scene.access.totalDownloadRequest());
+  EXPECT_TRUE(scene.published());
+  EXPECT_FALSE(scene.access.isTotalDownLoading());
+  scene.output.take();
+  EXPECT_EQ(textsStarting(scene.output.out, "cannot write downloadPos.dat, errno 28").size(), 1u);
+}
+
+/// Positions count ranges here, so the first page tells how much room the table takes.
+TEST(Download, RoomForTheWholeTableIsMadeAtOnce) {
+  DownloadScene scene;
+  scene.answer = page(4, 1, 10, 3000, true);
+  scene.access.totalDownloadRequest();
+  EXPECT_GE(scene.access.gathered().capacity(), 3000u);
+  const void* const place = scene.access.gathered().data();
+  scene.answer = page(4, 11, 2990, 3000);
+  scene.access.totalDownloadRequest();
+  EXPECT_TRUE(scene.published());
+  EXPECT_EQ(static_cast<const void*>(scene.access.ipQueryVec().data()), place) << "nothing copied";
 }
 
 TEST(Download, EmptyPageWithResetPublishesAnEmptyTable) {

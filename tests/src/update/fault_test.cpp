@@ -209,19 +209,6 @@ TEST(Fault, SegmentThatCannotBeRemovedIsTriedAgain) {
   scene.expectBothWhole(25);
 }
 
-TEST(Fault, InitializeWithoutMemoryForSegmentsAnswersFalseAndSaysWhy) {
-  Scene scene;
-  TableServer server(scene.service);
-  ScarceMemory memory;
-  memory.allow(SIZE_MAX, 0);
-  TolvarAPI client;
-  EXPECT_FALSE(client.initialize(scene.options()));
-  scene.output.take();
-  const auto lines = textsStarting(scene.output.out, "initialize exception:[ZU_Shm::init]: shmget");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].find("errno 12"), std::string::npos);
-}
-
 TEST(Fault, UpdateThreadThatCannotStartIsAFailureOfInitialize) {
   Scene scene;
   plantSmallSegments(scene.keys, 8, 8);

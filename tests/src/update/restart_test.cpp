@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
+#include <memory>
 #include <thread>
 
+#include "platform/interprocess_lock.h"
 #include "tests/src/update/scene.h"
 
 namespace tolvar_test {
@@ -215,6 +218,64 @@ TEST(SecondInitialize, DoesNotDisturbLookups) {
   stop = true;
   reader.join();
   EXPECT_EQ(wrong, 0);
+}
+
+TEST(SecondInitialize, OnAnotherThreadWaitsForTheFirst) {
+  HostWithImage host;
+  TolvarAPI client;
+  std::atomic<int> ready{0};
+  std::thread threads[3];
+  for (std::thread& thread : threads) {
+    thread = std::thread([&] {
+      for (int i = 0; i < 5; ++i) ready += client.initialize(host.options()) ? 1 : 0;
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(ready, 15);
+  expectAnswersOf(1, client);
+}
+
+/// A host that is told to end while it starts destroys the client from another thread.
+TEST(Destruction, DuringAStartOnAnotherThreadEndsTheStart) {
+  Scene scene;
+  plantSmallSegments(scene.keys, 8, 8);
+  TableServer server(scene.service);
+  server.setDown(true);  // the start would wait for 30 seconds
+  std::promise<void> asked;
+  std::atomic<bool> first{true};
+  const auto check = scene.service->checkChange;
+  scene.service->checkChange = [&](const ravel::CheckReq& req, ravel::CheckInfo& info) {
+    if (first.exchange(false)) asked.set_value();
+    check(req, info);
+  };
+  auto client = std::make_unique<TolvarAPI>();
+  const auto begin = std::chrono::steady_clock::now();
+  auto start = std::async(std::launch::async, [api = client.get(), options = scene.options()] {
+    return api->initialize(options);
+  });
+  asked.get_future().wait();
+  client.reset();
+  EXPECT_FALSE(start.get());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
+}
+
+/// A start that still waits for its turn at the shared memory must end, too.
+TEST(Destruction, DuringTheWaitForTheLockEndsTheStart) {
+  Scene scene;
+  plantSmallSegments(scene.keys, 8, 8);
+  TableServer server(scene.service);
+  qel::InterprocessLock somebody;
+  ASSERT_TRUE(somebody.acquire(scene.keys.size(), 0));
+  std::promise<void> asked;
+  scene.service->getConf = [&](ravel::ClientConf&) { asked.set_value(); };
+  auto client = std::make_unique<TolvarAPI>();
+  tolvar::ClientTestAccess(*client).internals().starterLockMillis = 3600 * 1000;
+  auto start = std::async(std::launch::async, [api = client.get(), options = scene.options()] {
+    return api->initialize(options);
+  });
+  asked.get_future().wait();
+  client.reset();
+  EXPECT_FALSE(start.get());
 }
 
 }  // namespace

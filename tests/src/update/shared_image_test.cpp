@@ -96,19 +96,6 @@ TEST(SharedImage, TheLockIsFreeDuringRemoteCallsAndAfterThem) {
   expectFree();
 }
 
-TEST(SharedImage, AStartWaitsNoLongerForTheLockThanItMay) {
-  ImageScene scene;
-  scene.server.publish(selfCheckingTable(1, 4));
-  ASSERT_TRUE(scene.refresh());
-  qel::InterprocessLock somebody;
-  ASSERT_TRUE(somebody.acquire(scene.keys.size(), 0));
-  ClockedClient client(scene.clock);
-  tolvar::ClientTestAccess access(client);
-  access.internals().starterLockMillis = 1;
-  access.InitializeShareMemory(scene.keys.data0(), scene.keys.data1(), scene.keys.size());
-  EXPECT_EQ(versionAt(client, kFirstAddress), 1u);
-}
-
 TEST(SharedImage, ASegmentThatAnotherProcessGrewIsAttachedAgainBeforeItIsWritten) {
   ImageScene scene;
   scene.server.publish(selfCheckingTable(1, 4));

@@ -1,4 +1,4 @@
-#include "src/index/range_index.h"
+#include "src/index/range_lookup.h"
 
 #include <algorithm>
 #include <array>
@@ -14,8 +14,8 @@ void prefetch(const void* address) noexcept { __builtin_prefetch(address, 0, 3);
 
 }  // namespace
 
-void RangeIndex::findTuples(std::span<const std::uint32_t> ips,
-                            std::uint32_t* tuples) const noexcept {
+void RangeLookup::findTuples(std::span<const std::uint32_t> ips,
+                             std::uint32_t* tuples) const noexcept {
   std::array<std::uint32_t, kGroup> words;
   for (std::size_t begin = 0; begin < ips.size(); begin += kGroup) {
     const std::size_t count = std::min(kGroup, ips.size() - begin);
@@ -34,8 +34,8 @@ void RangeIndex::findTuples(std::span<const std::uint32_t> ips,
   }
 }
 
-std::size_t RangeIndex::findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
-                                  std::uint8_t* found) const noexcept {
+std::size_t RangeLookup::findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
+                                   std::uint8_t* found) const noexcept {
   std::array<std::uint32_t, kGroup> tuples;
   std::size_t hits = 0;
   for (std::size_t begin = 0; begin < ips.size(); begin += kGroup) {
@@ -50,11 +50,6 @@ std::size_t RangeIndex::findBatch(std::span<const std::uint32_t> ips, ravel::IPI
     }
   }
   return hits;
-}
-
-std::size_t RangeIndex::memoryBytes() const noexcept {
-  return sizeof *this + _words.capacity() * sizeof(std::uint32_t) +
-         _lines.capacity() * sizeof(Line);
 }
 
 }  // namespace tolvar

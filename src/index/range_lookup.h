@@ -1,0 +1,152 @@
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+// TOLVAR_PORTABLE_INDEX keeps to the portable path where there is a faster one; for its tests.
+#if defined(__SSE2__) && !defined(TOLVAR_PORTABLE_INDEX)
+#define TOLVAR_INDEX_SSE2 1
+#include <emmintrin.h>
+#endif
+
+#include "records/records.h"
+
+namespace tolvar {
+
+/// What a lookup reads of a RangeIndex, and how: where its parts lie in memory. A copy is cheap and
+/// spares a lookup the way over the index; it is valid as long as the index it was copied from. See
+/// RangeIndex for the layout.
+///
+/// Thread safety: every operation is const and may be called from any number of threads at once.
+/// None allocates, locks or calls the operating system.
+class RangeLookup {
+ public:
+  /// Number of the attribute tuple of the range that contains `ip` (host order); 0 when none does.
+  std::uint32_t findTuple(std::uint32_t ip) const noexcept {
+    return searchLeaf(leafWord(ip), ip & 0xFFFFu);
+  }
+
+  /// Attributes of a tuple; `tuple` is below tupleCount(). Tuple 0 is all zeros. Valid as long as
+  /// the index.
+  const ravel::IPInfo& info(std::uint32_t tuple) const noexcept {
+    return _tuples[tuple].tuple.info;
+  }
+
+  /// Attributes of the range that contains `ip` (host order), nullptr when none does. Valid as long
+  /// as the index.
+  const ravel::IPInfo* find(std::uint32_t ip) const noexcept {
+    const std::uint32_t tuple = findTuple(ip);
+    return tuple != 0 ? &info(tuple) : nullptr;
+  }
+
+  /// Copies the attributes of the range that contains `ip` (host order) to `info` and answers true;
+  /// on a miss answers false and leaves `info` as it is.
+  bool lookup(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
+    const std::uint32_t tuple = findTuple(ip);
+    const ravel::IPInfo* source = &this->info(tuple);
+    if (tuple == 0) [[unlikely]]
+      source = info;
+    *info = *source;
+    return tuple != 0;
+  }
+
+  /// Looks `ips.size()` addresses (host order) up, with the memory accesses of many of them under
+  /// way at the same time. `infos` and `found` have room for as many entries: found[i] becomes 1
+  /// and infos[i] the attributes, or on a miss 0 and all zeros. Answers how many were found.
+  std::size_t findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
+                        std::uint8_t* found) const noexcept;
+
+  /// The same, with the tuple numbers only.
+  void findTuples(std::span<const std::uint32_t> ips, std::uint32_t* tuples) const noexcept;
+
+ protected:
+  RangeLookup() = default;
+
+  static constexpr std::uint32_t kBuckets = 1u << 16;
+  static constexpr std::uint32_t kDirectoryWords = 2 * kBuckets;
+  static constexpr std::uint32_t kNumberMask = (1u << 27) - 1;
+  static constexpr std::uint32_t kTupleLimit = 1u << 24;
+  static constexpr std::uint32_t kLeafKeys = 8;
+  static constexpr std::size_t kLineBytes = 64;
+  static constexpr std::size_t kUnitBytes = 8;
+
+  union alignas(kLineBytes) Line {
+    unsigned char bytes[kLineBytes];
+    struct {
+      ravel::IPInfo info;
+      std::uint32_t number;
+    } tuple;
+
+    Line() noexcept : bytes{} {}
+  };
+  static_assert(std::endian::native == std::endian::little);
+
+  /// Low 16 address bits in the form of keys: signed, because that is how SSE2 compares.
+  static std::int16_t keyOf(std::uint32_t low) noexcept {
+    return static_cast<std::int16_t>(static_cast<std::int32_t>(low) - 0x8000);
+  }
+
+  const std::uint32_t* _words = nullptr;
+  const unsigned char* _leaves = nullptr;
+  const Line* _tuples = nullptr;
+
+ private:
+  std::uint32_t secondWordNumber(std::uint32_t ip) const noexcept {
+    const std::uint32_t word = _words[2 * (ip >> 16)];
+    return (word >> 5) + ((ip & 0xFFFFu) >> (word & 31u));
+  }
+
+  /// The leaf word that second word `number` is or leads to for the low 16 bits of an address.
+  /// Nearly always it is one; a leaf behind each second word would take too much memory.
+  std::uint32_t resolve(std::uint32_t number, std::uint32_t low) const noexcept {
+    std::uint32_t word = _words[number];
+    while ((word & 1u) != 0) [[unlikely]] {
+        word = _words[((word >> 5) + (low >> ((word >> 1) & 15u))) & kNumberMask];
+      }
+    return word;
+  }
+
+  std::uint32_t leafWord(std::uint32_t ip) const noexcept {
+    return resolve(secondWordNumber(ip), ip & 0xFFFFu);
+  }
+
+  const unsigned char* leafOf(std::uint32_t word) const noexcept {
+    return _leaves + std::size_t{word >> 5} * kUnitBytes;
+  }
+
+  /// Twice the number of keys at `leaf` that are not above `low`, of `doubleKeys` / 2 (0 to 8)
+  /// sorted ones.
+  static std::uint32_t countKeys(const unsigned char* leaf, std::uint32_t doubleKeys,
+                                 std::uint32_t low) noexcept {
+#ifdef TOLVAR_INDEX_SSE2
+    const __m128i keys = _mm_loadu_si128(reinterpret_cast<const __m128i*>(leaf));
+    const __m128i above = _mm_cmpgt_epi16(keys, _mm_set1_epi16(keyOf(low)));
+    // Two equal bits for each key. What lies behind the last one is cut off by the bit set there.
+    const auto bits = static_cast<std::uint32_t>(_mm_movemask_epi8(above));
+    return static_cast<std::uint32_t>(std::countr_zero(bits | (1u << doubleKeys)));
+#else
+    std::uint32_t count = 0;
+    for (std::uint32_t i = 0; i < doubleKeys; i += 2) {
+      std::int16_t key;
+      std::memcpy(&key, leaf + i, sizeof key);
+      count += key <= keyOf(low) ? 2 : 0;
+    }
+    return count;
+#endif
+  }
+
+  std::uint32_t searchLeaf(std::uint32_t word, std::uint32_t low) const noexcept {
+    const std::uint32_t doubleKeys = word & 31u;
+    const unsigned char* const leaf = leafOf(word);
+    const std::uint32_t doubleCount = countKeys(leaf, doubleKeys, low);
+    // Read with the byte before it, which is always one of the line, the number is on top.
+    std::uint32_t tuple;
+    std::memcpy(&tuple, leaf + doubleKeys + doubleCount + doubleCount / 2 - 1, sizeof tuple);
+    return tuple >> 8;
+  }
+};
+
+}  // namespace tolvar

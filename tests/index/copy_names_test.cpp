@@ -1,0 +1,86 @@
+#include "src/copy_names.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "src/index/tuple_names.h"
+
+namespace tolvar_test {
+namespace {
+
+using Maps = std::unordered_map<std::uint64_t, ravel::CodeInfo>[8];
+
+constexpr std::uint32_t kRanges = 500;
+
+/// Range i has attributes of its own in all eight code tables.
+ravel::IPProperty range(std::uint32_t i) {
+  ravel::IPProperty result;
+  result.startIP = result.endIP = i;
+  result.place = std::int64_t{i} * 1000000000 + 1;
+  result.extend = result.oper = result.nettype = i;
+  result.apn = i % 256;
+  result.flable = i % 17;
+  return result;
+}
+
+std::string randomName(std::mt19937& random, std::size_t longest) {
+  std::string name(random() % (longest + 1), ' ');
+  for (char& letter : name) letter = static_cast<char>('a' + random() % 26);
+  return name;
+}
+
+void expectSame(const IPNameView& names, const IPHumanMessage& message) {
+  EXPECT_EQ(message.m_country, names.country());
+  EXPECT_EQ(message.m_province, names.province());
+  EXPECT_EQ(message.m_city, names.city());
+  EXPECT_EQ(message.m_district, names.district());
+  EXPECT_EQ(message.m_extend, names.extend());
+  EXPECT_EQ(message.m_oper, names.oper());
+  EXPECT_EQ(message.m_nettype, names.nettype());
+  EXPECT_EQ(message.m_apn, names.apn());
+  EXPECT_EQ(message.m_flable, names.flable());
+}
+
+/// Parameter: the longest name.
+class CopyNames : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(CopyNames, AMessageUsedAgainHoldsExactlyTheNamesOfTheLastAnswer) {
+  std::mt19937 random(7);
+  Maps maps;
+  ravel::vIPProperty table;
+  for (std::uint32_t i = 1; i <= kRanges; ++i) {
+    table.push_back(range(i));
+    const std::uint64_t district = static_cast<std::uint64_t>(table.back().place);
+    const std::uint64_t ids[8] = {
+        district / 1000000000, district / 1000000, district / 1000, district, i, i, i, i % 256};
+    for (std::size_t k = 0; k < 8; ++k) maps[k][ids[k]].content = randomName(random, GetParam());
+  }
+  const tolvar::RangeIndex index = tolvar::RangeIndex::build(table);
+  const tolvar::TupleNames names(index, std::make_shared<const tolvar::CodeNames>(maps));
+
+  IPHumanMessage message;
+  for (int round = 0; round < 2000; ++round) {
+    const IPNameView view =
+        names.row(index.findTuple(1 + static_cast<std::uint32_t>(random() % kRanges)));
+    tolvar::copyNames(view, &message);
+    expectSame(view, message);
+    ASSERT_FALSE(HasFailure()) << "round " << round;
+  }
+  // The view itself shows what the code tables have.
+  for (std::uint32_t i = 1; i <= kRanges; ++i) {
+    ASSERT_EQ(names.row(index.findTuple(i)).oper(), maps[5][i].content);
+    ASSERT_EQ(names.row(index.findTuple(i)).extend(), maps[4][i].content);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, CopyNames, testing::Values(0, 3, 15, 16, 24, 31, 60, 5000));
+
+TEST(CopyNames, AViewThatNobodyFilledHasNoNames) {
+  const IPNameView view;
+  EXPECT_EQ(view.country(), "");
+  EXPECT_EQ(view.flable(), "");
+}
+
+}  // namespace
+}  // namespace tolvar_test

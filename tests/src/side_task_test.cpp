@@ -1,0 +1,79 @@
+#include "src/side_task.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <new>
+#include <numeric>
+#include <thread>
+#include <vector>
+
+#include "tests/support/system_calls_guard.h"
+
+namespace {
+
+using tolvar::SideTask;
+
+TEST(SideTask, WorksOnAThreadOfItsOwn) {
+  std::thread::id worker;
+  int runs = 0;
+  SideTask task([&] {
+    worker = std::this_thread::get_id();
+    ++runs;
+  });
+  task.finish();
+  task.finish();
+  EXPECT_EQ(runs, 1);
+  EXPECT_NE(worker, std::this_thread::get_id());
+}
+
+TEST(SideTask, WithoutASecondThreadTheCallerWorks) {
+  tolvar_test::SystemCallsGuard guard;
+  guard.calls().pthreadCreate = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
+    return EAGAIN;
+  };
+  std::thread::id worker;
+  SideTask task([&] { worker = std::this_thread::get_id(); });
+  EXPECT_EQ(worker, std::thread::id());
+  task.finish();
+  EXPECT_EQ(worker, std::this_thread::get_id());
+}
+
+TEST(SideTask, WorkThatFailsIsDoneAgainByTheCaller) {
+  int runs = 0;
+  SideTask task([&] {
+    if (++runs == 1) throw std::bad_alloc();
+  });
+  task.finish();
+  EXPECT_EQ(runs, 2);
+}
+
+TEST(SideTask, WorkThatFailsTwiceIsAFailureOfFinish) {
+  SideTask task([] { throw std::bad_alloc(); });
+  EXPECT_THROW(task.finish(), std::bad_alloc);
+}
+
+TEST(SideTask, DestructionWaitsForTheWork) {
+  bool done = false;
+  {
+    const SideTask task([&] { done = true; });
+  }
+  EXPECT_TRUE(done);
+}
+
+TEST(CopyToSegment, CopiesEveryByteAndNoOther) {
+  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, (std::size_t{8} << 20) - 1,
+                                 std::size_t{8} << 20, (std::size_t{9} << 20) + 3}) {
+    std::vector<unsigned char> from(size);
+    for (std::size_t i = 0; i < size; ++i) from[i] = static_cast<unsigned char>(i * 31 + i / 251);
+    std::vector<unsigned char> to(size + 16, 0xAA);
+    tolvar::copyToSegment(to.data() + 8, from.data(), size);
+    EXPECT_TRUE(std::equal(from.begin(), from.end(), to.begin() + 8));
+    EXPECT_EQ(std::vector<unsigned char>(to.begin(), to.begin() + 8),
+              std::vector<unsigned char>(8, 0xAA));
+    EXPECT_EQ(std::vector<unsigned char>(to.end() - 8, to.end()),
+              std::vector<unsigned char>(8, 0xAA));
+  }
+}
+
+}  // namespace

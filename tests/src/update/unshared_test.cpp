@@ -1,0 +1,226 @@
+// Starts that find no lock or no segments: the client answers from its own download, and shares it
+// as soon as a publication can.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "platform/interprocess_lock.h"
+#include "tests/src/update/scene.h"
+#include "tests/support/raw_image.h"
+#include "tests/support/system_calls_guard.h"
+
+namespace tolvar_test {
+namespace {
+
+std::uint32_t versionAt(TolvarAPI& client, std::uint32_t ip) {
+  ravel::IPInfo info;
+  return client.getIPInfo(ip, &info) ? versionOf(ip, info) : 0;
+}
+
+std::atomic<int> refusal{0};
+
+/// Lets the system refuse every new segment with one errno while told to.
+class NoSegments {
+ public:
+  explicit NoSegments(int error) {
+    refusal = error;
+    _guard.calls().shmget = [](key_t key, std::size_t size, int flags) {
+      if ((flags & IPC_CREAT) != 0 && refusal != 0) {
+        errno = refusal;
+        return -1;
+      }
+      return shmget(key, size, flags);
+    };
+  }
+  ~NoSegments() { end(); }
+  void end() { refusal = 0; }
+
+ private:
+  SystemCallsGuard _guard;
+};
+
+/// A client whose steps the test calls itself, not yet at its segments.
+struct LateScene : Scene {
+  TableServer server{service, 10};
+  ManualClock clock{true};
+  ClockedClient client{clock};
+  tolvar::ClientTestAccess access{client};
+
+  LateScene() {
+    access.tolvarPrx() = fakeProxy(service);
+    access.fTolvarPrx() = fakeFastProxy(service);
+    access.internals().starterLockMillis = 1;
+    access.internals().publisherLockMillis = 1;
+  }
+
+  void begin() { access.InitializeShareMemory(keys.data0(), keys.data1(), keys.size()); }
+
+  bool refresh() {
+    access.lastCheckFileChanged() = 0;
+    access.checkChange();
+    for (int pass = 0; pass < 50; ++pass) {
+      access.totalDownloadRequest();
+      access.checkCodeChangeRequest();
+      if (!access.isTotalDownLoading() && !access.isCheckingCode()) return true;
+    }
+    return false;
+  }
+
+  void expectBothHold(const Table& table) {
+    const SegmentView segment0(keys.data0()), segment1(keys.data1());
+    for (const SegmentView* segment : {&segment0, &segment1}) {
+      EXPECT_EQ(segment->ipStatus(), 1u);
+      EXPECT_EQ(segment->codeStatus(), 1u);
+      EXPECT_EQ(digestOf(segment->ranges()), digestOf(table.rows));
+      EXPECT_EQ(segment->codes(5).at(0).name, table.codes.at(1).content);
+    }
+    EXPECT_TRUE(segment0.content() == segment1.content());
+  }
+};
+
+TEST(Unshared, AStartWithoutTheLockTouchesNoSegmentAndAnswersFromItsDownload) {
+  LateScene scene;
+  plantSmallSegments(scene.keys, 64, 8);
+  const std::string before0 = SegmentView(scene.keys.data0()).content();
+  const std::string before1 = SegmentView(scene.keys.data1()).content();
+  qel::InterprocessLock somebody;
+  ASSERT_TRUE(somebody.acquire(scene.keys.size(), 0));
+  scene.begin();
+  EXPECT_EQ(scene.access.shm(0).getPointer(), nullptr);
+  EXPECT_EQ(scene.access.shm(1).getPointer(), nullptr);
+
+  scene.server.publish(selfCheckingTable(1, 25));
+  ASSERT_TRUE(scene.refresh());
+  EXPECT_EQ(versionAt(scene.client, kFirstAddress + 24 * 256), 1u);
+  EXPECT_EQ(scene.client.getOperByID(1), "v1 oper");
+  EXPECT_EQ(scene.access.cltMd5(), scene.server.digest());
+  EXPECT_EQ(scene.access.hasInitialized(), 3);
+  EXPECT_TRUE(SegmentView(scene.keys.data0()).content() == before0);
+  EXPECT_TRUE(SegmentView(scene.keys.data1()).content() == before1);
+  scene.output.take();
+  EXPECT_EQ(textsStarting(scene.output.err, "another process has held the lock").size(), 1u);
+}
+
+TEST(Unshared, TheFirstPublicationThatGetsTheLockSharesTheTables) {
+  LateScene scene;
+  qel::InterprocessLock somebody;
+  ASSERT_TRUE(somebody.acquire(scene.keys.size(), 0));
+  scene.begin();
+  scene.server.publish(selfCheckingTable(1, 25));
+  ASSERT_TRUE(scene.refresh());
+  somebody.release();
+  const Table next = selfCheckingTable(2, 30);
+  scene.server.publish(next);
+  ASSERT_TRUE(scene.refresh());
+  EXPECT_EQ(versionAt(scene.client, kFirstAddress + 29 * 256), 2u);
+  EXPECT_FALSE(scene.access.internals().unshared);
+  scene.expectBothHold(next);
+}
+
+TEST(Unshared, NamesThatComeLaterBringTheTableAlong) {
+  LateScene scene;
+  NoSegments none(ENOMEM);
+  scene.begin();
+  const Table table = selfCheckingTable(1, 25);
+  scene.server.publish(table);
+  ASSERT_TRUE(scene.refresh());
+  none.end();
+  scene.access.isCheckingCode() = true;
+  ASSERT_TRUE(scene.access.checkCodeChangeRequest());
+  EXPECT_FALSE(scene.access.isCheckingCode());
+  scene.expectBothHold(table);
+}
+
+TEST(Unshared, ATableThatComesLaterBringsTheNamesAlong) {
+  LateScene scene;
+  NoSegments none(ENOMEM);
+  scene.begin();
+  const Table table = selfCheckingTable(1, 25);
+  scene.server.publish(table);
+  ASSERT_TRUE(scene.refresh());
+  none.end();
+  scene.access.gathered() = table.rows;
+  scene.access.totalWriteData2Shm();
+  scene.expectBothHold(table);
+}
+
+TEST(Unshared, AnImageThatOthersMadeMeanwhileIsKeptUntilItIsReplaced) {
+  LateScene scene;
+  const Table theirs = selfCheckingTable(5, 8);
+  {
+    qel::InterprocessLock somebody;
+    ASSERT_TRUE(somebody.acquire(scene.keys.size(), 0));
+    scene.begin();
+    scene.server.publish(selfCheckingTable(1, 25));
+    ASSERT_TRUE(scene.refresh());
+  }
+  {
+    ClockedClient other(scene.clock);
+    tolvar::ClientTestAccess access(other);
+    access.tolvarPrx() = fakeProxy(scene.service);
+    access.fTolvarPrx() = fakeFastProxy(scene.service);
+    access.InitializeShareMemory(scene.keys.data0(), scene.keys.data1(), scene.keys.size());
+    access.gathered() = theirs.rows;
+    access.totalWriteData2Shm();
+    scene.server.publish(theirs);
+    access.isCheckingCode() = true;
+    access.checkCodeChangeRequest();
+  }
+  scene.expectBothHold(theirs);
+  // Only the names are refreshed; the ranges in the image are those that were in it.
+  scene.access.isCheckingCode() = true;
+  ASSERT_TRUE(scene.access.checkCodeChangeRequest());
+  scene.expectBothHold(theirs);
+  EXPECT_EQ(versionAt(scene.client, kFirstAddress + 24 * 256), 1u) << "its own table still answers";
+}
+
+class WithoutSegments : public testing::TestWithParam<int> {};
+
+TEST_P(WithoutSegments, AStartAnswersFromItsDownloadAndSaysSo) {
+  Scene scene;
+  TableServer server(scene.service);
+  server.publish(selfCheckingTable(1, 25));
+  NoSegments none(GetParam());
+  {
+    TolvarAPI client;
+    ASSERT_TRUE(client.initialize(scene.options()));
+    EXPECT_EQ(versionAt(client, kFirstAddress + 24 * 256), 1u);
+    EXPECT_EQ(client.getOperByID(1), "v1 oper");
+    EXPECT_FALSE(client.status().fromImage);
+  }
+  scene.output.take();
+  EXPECT_EQ(textsStarting(scene.output.err, "no share memory to be had").size(), 1u);
+  EXPECT_GE(textsStarting(scene.output.err, "still no share memory to be had").size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, WithoutSegments, testing::Values(ENOMEM, ENOSPC, EINVAL, ENOSYS));
+
+TEST(Unshared, AnImageThatHasOneSegmentOnlyStillAnswersTheStart) {
+  Scene scene;
+  TableServer server(scene.service);
+  const Table table = selfCheckingTable(1, 25);
+  server.publish(table);
+  {
+    TolvarAPI first;
+    ASSERT_TRUE(first.initialize(scene.options()));
+  }
+  ASSERT_EQ(shmctl(qel::ZU_Shm::idOf(scene.keys.data1()), IPC_RMID, nullptr), 0);
+  server.setDown(true);
+  NoSegments none(ENOSPC);
+  TolvarAPI client;
+  ASSERT_TRUE(client.initialize(scene.options()));
+  EXPECT_TRUE(client.status().fromImage);
+  EXPECT_EQ(versionAt(client, kFirstAddress), 1u);
+}
+
+TEST(Unshared, SegmentsThatMayNotBeUsedAreStillRefused) {
+  Scene scene;
+  TableServer server(scene.service);
+  NoSegments none(EACCES);
+  TolvarAPI client;
+  EXPECT_FALSE(client.initialize(scene.options()));
+}
+
+}  // namespace
+}  // namespace tolvar_test
