@@ -5,7 +5,8 @@
 #
 #   (nothing)      all tests under the preset dev
 #   --all          then the core and the in-process transport under the address,
-#                  undefined-behaviour and thread sanitizers as well (asan-core, tsan)
+#                  undefined-behaviour and thread sanitizers as well (asan-core, tsan), and every
+#                  fuzz target for a few seconds (scripts/fuzz.sh)
 #   --preset NAME  that configure preset only; see CMakePresets.json
 #
 # Installs missing Debian packages first (scripts/install_deps.sh). May be called from any directory.
@@ -18,9 +19,13 @@ set -eu
 
 cd -- "$(dirname -- "$0")/.."
 presets=dev
+fuzz=0
 while [ $# -gt 0 ]; do
   case "$1" in
-    --all) presets="dev asan-core tsan" ;;
+    --all)
+      presets="dev asan-core tsan"
+      fuzz=5
+      ;;
     --preset)
       if [ $# -lt 2 ]; then
         echo "test.sh: --preset needs a name" >&2
@@ -30,7 +35,7 @@ while [ $# -gt 0 ]; do
       shift
       ;;
     -h | --help)
-      sed -n '2,16s/^# \{0,1\}//p' "scripts/test.sh"
+      sed -n '2,17s/^# \{0,1\}//p' "scripts/test.sh"
       exit 0
       ;;
     *)
@@ -159,6 +164,10 @@ for preset in $presets; do
     fail "the build of the preset $preset"
   fi
 done
+if [ "$fuzz" -gt 0 ]; then
+  note "fuzzing"
+  scripts/fuzz.sh "$fuzz" || fail "fuzzing (scripts/fuzz.sh $fuzz)"
+fi
 check_segments
 
 note "tests that ran"

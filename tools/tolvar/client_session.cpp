@@ -11,19 +11,29 @@ namespace {
 constexpr auto kSettleLimit = std::chrono::seconds(30);
 constexpr auto kSettleRound = std::chrono::milliseconds(2);
 
+/// A client on a clock of the tool's.
+class TimedClient final : public TolvarAPI {
+ public:
+  explicit TimedClient(qel::Clock& clock) : TolvarAPI(clock) {}
+  ~TimedClient() override { stopUpdateThread(); }
+};
+
 }  // namespace
 
+void ClientSession::prepare(const PrivateRun& run, const std::string& logPath, qel::Clock& clock) {
+  _options.comm = &communicator();
+  _options.ip_servant = kMainObject;
+  _options.fast_ip_servant = kFastObject;
+  _options.shm_key_1 = run.keys()[0];
+  _options.shm_key_2 = run.keys()[1];
+  _options.shm_key_3 = run.keys()[2];
+  _options.log_path = logPath;
+  _api = std::make_unique<TimedClient>(clock);
+}
+
 void ClientSession::start(const PrivateRun& run, const std::string& logPath) {
-  _api = std::make_unique<TolvarAPI>();
-  TolvarAPIOptions options;
-  options.comm = &communicator();
-  options.ip_servant = kMainObject;
-  options.fast_ip_servant = kFastObject;
-  options.shm_key_1 = run.keys()[0];
-  options.shm_key_2 = run.keys()[1];
-  options.shm_key_3 = run.keys()[2];
-  options.log_path = logPath;
-  if (!_api->initialize(options)) {
+  prepare(run, logPath, qel::systemClock());
+  if (!initialize()) {
     const std::string reason = _api->status().lastError;
     throw qel::ZU_Exception("the client did not come up: " +
                             (reason.empty() ? "no table within 30 seconds" : reason));

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "include/TolvarAPI.h"
+#include "platform/clock.h"
 #include "service/import_error.h"
 #include "tools/tolvar/private_run.h"
 
@@ -20,6 +21,18 @@ class ClientSession {
   /// qel::ZU_Exception with the reason when it does not come up.
   void start(const PrivateRun& run, const std::string& logPath);
 
+  /// Makes the client, on `clock`, and starts nothing; `initialize` does. `clock` outlives the
+  /// session.
+  void prepare(const PrivateRun& run, const std::string& logPath, qel::Clock& clock);
+
+  /// One attempt to start the prepared client; waits until it answers, for at most 30 seconds of
+  /// its clock. False when it does not; may then be repeated.
+  bool initialize() { return _api->initialize(_options); }
+
+  /// Makes remote calls fail from now on, those under way as well. Any thread.
+  virtual void cancelCalls() {}
+
+  /// The client; other threads may ask for its status while `initialize` runs.
   TolvarAPI& api() noexcept { return *_api; }
 
   /// What was odd about the table.
@@ -40,6 +53,7 @@ class ClientSession {
  private:
   void awaitSettled();
 
+  TolvarAPIOptions _options;
   std::unique_ptr<TolvarAPI> _api;
 };
 

@@ -9,13 +9,11 @@
 #include <iostream>
 #include <memory>
 #include <random>
-#include <sstream>
 
 #include "platform/exception.h"
 #include "platform/toolkit.h"
 #include "tools/tolvar/answer_format.h"
 #include "tools/tolvar/embedded_client.h"
-#include "tools/tolvar/private_run.h"
 
 namespace tolvar::tools {
 namespace {
@@ -46,25 +44,6 @@ std::string addressIn(const std::string& line) {
   const auto begin = line.find_first_not_of(" \t\r");
   if (begin == std::string::npos || line[begin] == '#') return {};
   return line.substr(begin, line.find_last_not_of(" \t\r") - begin + 1);
-}
-
-/// The three numbers of "1,2,3", decimal or 0x and hexadecimal. Throws CLI::ValidationError.
-std::vector<std::int32_t> keysIn(const std::string& text) {
-  std::vector<std::int32_t> keys;
-  std::istringstream in(text);
-  std::string part;
-  while (std::getline(in, part, ',')) {
-    std::size_t used = 0;
-    try {
-      keys.push_back(std::stoi(part, &used, 0));
-    } catch (const std::logic_error&) {
-      used = 0;
-    }
-    if (used == 0 || used != part.size())
-      throw CLI::ValidationError("--keys", "\"" + part + "\" is not a shared-memory key");
-  }
-  if (keys.size() != 3) throw CLI::ValidationError("--keys", "expected three keys, such as 1,2,3");
-  return keys;
 }
 
 /// Nanoseconds that one numeric lookup takes on average, over random addresses of the whole space.
@@ -149,36 +128,12 @@ void LookupCommand::declare(CLI::App& app) {
   app.add_option("--table", tablePath,
                  "The table: CSV with a header, or start,end,country code with '#' comments")
       ->type_name("FILE");
-  app.add_option("--service", service.endpoints,
-                 "Instead of a table: the service to ask, tolvard's address; may be repeated")
-      ->excludes("--table")
-      ->allow_extra_args(false)
-      ->type_name("HOST:PORT");
-  app.add_option("--tls-ca", service.caFile, "Authorities of the service's certificate: encrypts")
-      ->needs("--service")
-      ->type_name("FILE");
-  app.add_option("--tls-cert", service.certFile, "Certificate to show to the service")
-      ->needs("--tls-ca")
-      ->type_name("FILE");
-  app.add_option("--tls-key", service.keyFile, "Key of that certificate")
-      ->needs("--tls-cert")
-      ->type_name("FILE");
-  app.add_option("--tls-name", service.authority,
-                 "Name in the service's certificate, when it is not the host")
-      ->needs("--tls-ca")
-      ->type_name("NAME");
+  client.declareService(app)->excludes("--table");
   app.add_option("--codes", codesPath,
                  "Country names and numbers, the JSON file of the package iso-codes "
                  "(default: /usr/share/iso-codes/json/iso_3166-1.json)")
       ->type_name("FILE");
-  app.add_option_function<std::string>(
-         "--keys", [this](const std::string& text) { keys = keysIn(text); },
-         "Three System V shared-memory keys to keep the image under after the run "
-         "(default: keys of this run's own, removed at its end)")
-      ->type_name("KEY,KEY,KEY");
-  app.add_option("--log", logPath,
-                 "Keep the client's log below this directory (default: removed at the end)")
-      ->type_name("DIR");
+  client.declareHost(app);
   app.add_flag("--json", json, "Print one JSON object a line");
   app.add_flag("--timing", timing, "Say on standard error how long everything took");
   app.add_option("ADDRESS", addresses,
@@ -188,25 +143,21 @@ void LookupCommand::declare(CLI::App& app) {
 ExitStatus LookupCommand::run() const {
   if (addresses.empty() && isatty(STDIN_FILENO) != 0)
     std::fprintf(stderr, "reading addresses from standard input, one a line; end with Ctrl-D\n");
-  if (tablePath.empty() && service.endpoints.empty())
+  if (tablePath.empty() && client.service.endpoints.empty())
     throw qel::ZU_Exception("name a table with --table FILE or a service with --service HOST:PORT");
   // The run moves to a directory of its own, so relative paths are resolved first.
-  const std::string log = absolute(logPath);
-  ServiceAddress address = service;
-  for (std::string* file : {&address.caFile, &address.certFile, &address.keyFile})
-    *file = absolute(*file);
+  const ClientOptions options = client.resolved();
   const std::string table = absolute(tablePath);
   const std::string codes = absolute(codesPath);
 
-  const std::unique_ptr<PrivateRun> run =
-      keys.empty() ? std::make_unique<PrivateRun>()
-                   : std::make_unique<PrivateRun>(std::array<key_t, 3>{keys[0], keys[1], keys[2]});
-  const std::unique_ptr<ClientSession> client =
-      table.empty() ? makeRemoteClient(address) : std::make_unique<EmbeddedClient>(table, codes);
-  printWarnings(client->warnings());
-  client->start(*run, log.empty() ? run->directory() : log);
+  const std::unique_ptr<PrivateRun> run = options.makeRun();
+  const std::unique_ptr<ClientSession> session =
+      table.empty() ? makeRemoteClient(options.service)
+                    : std::make_unique<EmbeddedClient>(table, codes);
+  printWarnings(session->warnings());
+  session->start(*run, options.logPathIn(*run));
 
-  Printer printer(client->api(), json);
+  Printer printer(session->api(), json);
   if (addresses.empty()) {
     answerInput(&printer);
   } else {
@@ -214,7 +165,7 @@ ExitStatus LookupCommand::run() const {
       if (!printer.answer(text)) break;
   }
   std::fflush(stdout);
-  if (timing) printTiming(*client);
+  if (timing) printTiming(*session);
   return printer.allFound() ? kExitAnswered : kExitUnanswered;
 }
 

@@ -8,8 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <filesystem>
+#include <mutex>
+#include <optional>
 #include <random>
 #include <thread>
 
@@ -33,52 +36,98 @@ std::array<key_t, 3> freeKeys() {
       "no free System V shared-memory keys were found; see `ipcs -m`, or name keys with --keys");
 }
 
+void removeBehind(key_t key) noexcept {
+  const int segment = shmget(key, 0, 0);
+  if (segment >= 0) shmctl(segment, IPC_RMID, nullptr);
+  const int semaphores = semget(key, 0, 0);
+  if (semaphores >= 0) semctl(semaphores, 0, IPC_RMID);
+}
+
 }  // namespace
 
-PrivateRun::PrivateRun() : _keys(freeKeys()), _removeKeys(true) { enterDirectory(); }
+struct PrivateRun::Belongings {
+  Belongings(const std::array<key_t, 3>& chosen, bool isOwn) : keys(chosen), removesKeys(isOwn) {}
 
-PrivateRun::PrivateRun(const std::array<key_t, 3>& keys) : _keys(keys), _removeKeys(false) {
+  void remove() noexcept;
+  void endOn(int signal) noexcept;
+
+  const std::array<key_t, 3> keys;
+  const bool removesKeys;
+  std::string directory;  ///< set before the second thread
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  // Guarded by mutex.
+  std::optional<int> ownStatus;
+  bool isSignalled = false;
+};
+
+void PrivateRun::Belongings::remove() noexcept {
+  std::error_code ignored;
+  std::filesystem::remove_all(directory, ignored);
+  // Last, for a client may run to the end and make what is missing.
+  if (removesKeys)
+    for (const key_t key : keys) removeBehind(key);
+}
+
+void PrivateRun::Belongings::endOn(int signal) noexcept {
+  std::optional<int> status;
+  {
+    const std::lock_guard lock(mutex);
+    isSignalled = true;
+    status = ownStatus;
+  }
+  changed.notify_all();
+  if (status) std::this_thread::sleep_for(std::chrono::milliseconds(kEndMillis));
+  remove();
+  _exit(status.value_or(128 + signal));
+}
+
+PrivateRun::PrivateRun() : _belongings(std::make_shared<Belongings>(freeKeys(), true)) {
   enterDirectory();
 }
 
-PrivateRun::~PrivateRun() { cleanUp(); }
+PrivateRun::PrivateRun(const std::array<key_t, 3>& keys)
+    : _belongings(std::make_shared<Belongings>(keys, false)) {
+  enterDirectory();
+}
+
+PrivateRun::~PrivateRun() { _belongings->remove(); }
+
+const std::string& PrivateRun::directory() const noexcept { return _belongings->directory; }
+const std::array<key_t, 3>& PrivateRun::keys() const noexcept { return _belongings->keys; }
 
 void PrivateRun::enterDirectory() {
   std::string pattern = (std::filesystem::temp_directory_path() / "tolvar-XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr)
     throw qel::ZU_Exception("cannot create a directory like " + pattern, errno);
-  _directory = pattern;
-  if (chdir(_directory.c_str()) != 0)
-    throw qel::ZU_Exception("cannot enter the directory " + _directory, errno);
-  endOnSignals();
+  _belongings->directory = pattern;
+  if (chdir(pattern.c_str()) != 0)
+    throw qel::ZU_Exception("cannot enter the directory " + pattern, errno);
+  takeSignals();
 }
 
-void PrivateRun::endOnSignals() {
+void PrivateRun::takeSignals() {
   std::signal(SIGPIPE, SIG_IGN);  // a reader that has seen enough shows as a failed write
   sigset_t endings;
   sigemptyset(&endings);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&endings, signal);
   pthread_sigmask(SIG_BLOCK, &endings, nullptr);
-  // Lives until the process ends, and the object with it: the tool makes one, in main.
-  std::thread([this, endings] {
+  std::thread([belongings = _belongings, endings] {
     int signal = 0;
     sigwait(&endings, &signal);
-    cleanUp();
-    _exit(128 + signal);
+    belongings->endOn(signal);
   }).detach();
 }
 
-void PrivateRun::cleanUp() const noexcept {
-  if (_removeKeys) {
-    for (const key_t key : _keys) {
-      const int segment = shmget(key, 0, 0);
-      if (segment >= 0) shmctl(segment, IPC_RMID, nullptr);
-      const int semaphores = semget(key, 0, 0);
-      if (semaphores >= 0) semctl(semaphores, 0, IPC_RMID);
-    }
-  }
-  std::error_code ignored;
-  std::filesystem::remove_all(_directory, ignored);
+void PrivateRun::endBySelf(int status) {
+  const std::lock_guard lock(_belongings->mutex);
+  _belongings->ownStatus = status;
+}
+
+bool PrivateRun::awaitSignal(std::chrono::milliseconds limit) const {
+  std::unique_lock lock(_belongings->mutex);
+  return _belongings->changed.wait_for(lock, limit, [this] { return _belongings->isSignalled; });
 }
 
 }  // namespace tolvar::tools

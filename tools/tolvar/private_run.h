@@ -3,6 +3,8 @@
 #include <sys/types.h>
 
 #include <array>
+#include <chrono>
+#include <memory>
 #include <string>
 
 namespace tolvar::tools {
@@ -13,6 +15,9 @@ namespace tolvar::tools {
 /// main thread, before any other thread.
 class PrivateRun {
  public:
+  /// A process that ends by itself after a signal has this long, in milliseconds.
+  static constexpr int kEndMillis = 600;
+
   /// Takes keys that nobody uses. Throws qel::ZU_Exception.
   PrivateRun();
 
@@ -23,17 +28,24 @@ class PrivateRun {
   PrivateRun(const PrivateRun&) = delete;
   PrivateRun& operator=(const PrivateRun&) = delete;
 
-  const std::string& directory() const noexcept { return _directory; }
-  const std::array<key_t, 3>& keys() const noexcept { return _keys; }
+  const std::string& directory() const noexcept;
+  const std::array<key_t, 3>& keys() const noexcept;
+
+  /// From now on a signal does not end the process at once with 128 + its number; the process asks
+  /// `awaitSignal` and ends by itself. One that has not kEndMillis later is ended with `status`.
+  void endBySelf(int status);
+
+  /// Waits for a signal for at most `limit`; true once one has come.
+  bool awaitSignal(std::chrono::milliseconds limit) const;
 
  private:
-  void enterDirectory();
-  void endOnSignals();
-  void cleanUp() const noexcept;
+  struct Belongings;
 
-  std::string _directory;
-  std::array<key_t, 3> _keys;
-  bool _removeKeys;
+  void enterDirectory();
+  void takeSignals();
+
+  /// Shared with the thread that waits for signals, which lives as long as the process.
+  const std::shared_ptr<Belongings> _belongings;
 };
 
 }  // namespace tolvar::tools

@@ -25,6 +25,8 @@ class RemoteClient : public ClientSession {
   explicit RemoteClient(const ServiceAddress& address) : _communicator(optionsFor(address)) {}
   ~RemoteClient() override { endClient(); }
 
+  void cancelCalls() override { _communicator.end(); }
+
  private:
   qel::Communicator& communicator() override { return _communicator; }
 

@@ -4,13 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <ctime>
 
-#include "service/text_source.h"
+#include "tools/shared/field_line.h"
 
 namespace tolvar::tools {
 namespace {
@@ -18,60 +15,15 @@ namespace {
 constexpr std::int64_t kGraceMillis = 500;
 constexpr int kPollMillis = 100;
 
-std::string utcTime(timeval now) {
-  std::tm parts{};
-  gmtime_r(&now.tv_sec, &parts);
-  std::array<char, 32> text{};
-  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-  std::snprintf(text.data() + length, text.size() - length, ".%03dZ",
-                static_cast<int>(now.tv_usec / 1000 % 1000));
-  return text.data();
-}
-
-void appendQuoted(std::string& line, std::string_view value) {
-  const bool isText = service::isUtf8(value);
-  line += '"';
-  for (const char c : value) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      line += '\\';
-      line += c;
-    } else if (c == '\n') {
-      line += "\\n";
-    } else if (byte < 0x20 || byte == 0x7F || (byte >= 0x80 && !isText)) {
-      std::array<char, 5> escaped{};
-      std::snprintf(escaped.data(), escaped.size(), "\\x%02X", byte);
-      line += escaped.data();
-    } else {
-      line += c;
-    }
-  }
-  line += '"';
-}
-
-bool isPlain(std::string_view value) {
-  return !value.empty() && std::all_of(value.begin(), value.end(), [](char c) {
-    return c > ' ' && c < 0x7F && c != '"' && c != '=' && c != '\\';
-  });
-}
-
 }  // namespace
 
 std::string formatEvent(timeval now, std::string_view level, std::string_view event,
                         std::initializer_list<EventField> fields) {
-  std::string line = "time=" + utcTime(now) + " level=";
-  line += level;
-  line += " event=";
-  line += event;
-  for (const EventField& field : fields) {
-    line += ' ';
-    line += field.name;
-    line += '=';
-    if (isPlain(field.value))
-      line += field.value;
-    else
-      appendQuoted(line, field.value);
-  }
+  std::string line;
+  appendField(line, "time", utcText(now));
+  appendField(line, "level", level);
+  appendField(line, "event", event);
+  for (const EventField& field : fields) appendField(line, field.name, field.value);
   return line;
 }
 

@@ -28,8 +28,7 @@ struct EventField {
   std::string value;
 };
 
-/// One line of `name=value` pairs without a line end. Values with blanks, quotes, equals signs or
-/// anything that is no printable text stand in double quotes, with \" \\ \n and \xNN inside.
+/// One line of `name=value` pairs without a line end; values are written as appendField does.
 std::string formatEvent(timeval now, std::string_view level, std::string_view event,
                         std::initializer_list<EventField> fields);
 

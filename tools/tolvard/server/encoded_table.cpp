@@ -37,6 +37,11 @@ EncodedTable::PageAnswer EncodedTable::page(const wire::PageQuery& query) const 
   return {encode(slice), false, last};
 }
 
+std::size_t EncodedTable::privateRecords(const wire::PageQuery& query) const {
+  const service::PageSlice slice = _version->slice(query.high, query.low, query.size);
+  return isStandard(slice) ? 0 : slice.count;
+}
+
 grpc::ByteBuffer EncodedTable::codes() const {
   std::call_once(_codes.once, [this] {
     v1::Codes message;

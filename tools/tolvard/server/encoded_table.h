@@ -31,6 +31,10 @@ class EncodedTable {
   /// Throws std::invalid_argument as TableVersion::slice does.
   PageAnswer page(const wire::PageQuery& query) const;
 
+  /// How many records `page` would encode for one call alone; 0 when the answer is shared. Throws
+  /// as `page`.
+  std::size_t privateRecords(const wire::PageQuery& query) const;
+
   /// All code tables. Throws WireError when they cannot be told on the wire.
   grpc::ByteBuffer codes() const;
 

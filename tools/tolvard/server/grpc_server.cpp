@@ -8,7 +8,10 @@
 #include <grpcpp/server_builder.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <limits>
+#include <mutex>
+#include <thread>
 
 #include "platform/exception.h"
 #include "tolvar.grpc.pb.h"
@@ -70,6 +73,50 @@ std::string joined(const std::vector<std::string>& texts) {
   for (const std::string& text : texts) all += (all.empty() ? "" : ", ") + text;
   return all;
 }
+
+// Clients that read their connections have closed them by then.
+constexpr std::chrono::milliseconds kClosingTime{100};
+constexpr std::chrono::milliseconds kClosingRound{10};
+
+/// While it lives: closes the connections of a server that is shutting down once no call has been
+/// under way for kClosingTime. The library itself waits for every client to close its own, and one
+/// that is idle does not notice that it should.
+class IdleCloser {
+ public:
+  IdleCloser(grpc::Server& server, const std::atomic<std::size_t>& calls)
+      : _server(server), _calls(calls), _thread([this] { run(); }) {}
+
+  ~IdleCloser() {
+    {
+      const std::lock_guard lock(_mutex);
+      _isEnding = true;
+    }
+    _changed.notify_one();
+    _thread.join();
+  }
+
+  IdleCloser(const IdleCloser&) = delete;
+  IdleCloser& operator=(const IdleCloser&) = delete;
+
+ private:
+  void run() {
+    std::unique_lock lock(_mutex);
+    auto quiet = std::chrono::milliseconds(0);
+    while (!_changed.wait_for(lock, kClosingRound, [this] { return _isEnding; })) {
+      quiet = _calls.load(std::memory_order_relaxed) == 0 ? quiet + kClosingRound
+                                                          : std::chrono::milliseconds(0);
+      // Repeated, for a call may have slipped in before the server took no more.
+      if (quiet >= kClosingTime) grpc_server_cancel_all_calls(_server.c_server());
+    }
+  }
+
+  grpc::Server& _server;
+  const std::atomic<std::size_t>& _calls;
+  std::mutex _mutex;
+  std::condition_variable _changed;
+  bool _isEnding = false;  ///< guarded by _mutex
+  std::thread _thread;
+};
 
 }  // namespace
 
@@ -152,6 +199,7 @@ void GrpcServer::prepare(const std::shared_ptr<const service::TableVersion>& ver
 void GrpcServer::setServing(bool serving) { _state->setServing(serving); }
 
 void GrpcServer::shutdown(std::chrono::milliseconds grace) {
+  const IdleCloser closer(*_state->server, _state->serving.calls);
   _state->server->Shutdown(std::chrono::system_clock::now() + grace);
 }
 

@@ -97,8 +97,9 @@ class GrpcServer {
   /// What the health service answers for the server and its objects; true from the start.
   void setServing(bool serving);
 
-  /// Takes no more calls, lets those under way finish for at most `grace`, then cancels them.
-  /// Blocks until all have ended. A second call returns at once.
+  /// Takes no more calls, lets those of the two objects that are under way finish for at most
+  /// `grace`, then cancels them; connections without such calls do not hold it up. Blocks until all
+  /// have ended. A second call returns at once.
   void shutdown(std::chrono::milliseconds grace);
 
  private:

@@ -1,9 +1,11 @@
 #include "tools/tolvard/server/service_handlers.h"
 
+#include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/support/server_callback.h>
 
 #include <chrono>
 #include <stdexcept>
+#include <utility>
 
 #include "tolvar.grpc.pb.h"
 #include "transport/grpc/call_runner.h"
@@ -18,20 +20,36 @@ using grpc::ServerUnaryReactor;
 using grpc::Status;
 using grpc::StatusCode;
 
-/// Ends with the call: gives back the memory that was counted for its answer.
+/// What a record of real tables takes in a page, in bytes.
+constexpr std::size_t kUsualRecordBytes = 18;
+
+/// Ends with the call, which it counts as one under way, and gives back the memory that was counted
+/// for its answer.
 class CountedReactor final : public ServerUnaryReactor {
  public:
-  CountedReactor(std::atomic<std::size_t>& total, std::size_t bytes)
-      : _total(total), _bytes(bytes) {}
+  explicit CountedReactor(ServingContext& serving, std::size_t privateBytes = 0)
+      : _serving(serving), _privateBytes(privateBytes) {
+    _serving.calls.fetch_add(1, std::memory_order_relaxed);
+  }
+
   void OnDone() override {
-    _total.fetch_sub(_bytes, std::memory_order_relaxed);
+    _serving.privateBytes.fetch_sub(_privateBytes, std::memory_order_relaxed);
+    _serving.calls.fetch_sub(1, std::memory_order_relaxed);
     delete this;
   }
 
  private:
-  std::atomic<std::size_t>& _total;
-  const std::size_t _bytes;
+  ServingContext& _serving;
+  const std::size_t _privateBytes;
 };
+
+/// Sends the answer, or the status instead of it.
+ServerUnaryReactor* finish(ServingContext& serving, const Status& status,
+                           std::size_t privateBytes = 0) {
+  auto* const reactor = new CountedReactor(serving, privateBytes);
+  reactor->Finish(status);
+  return reactor;
+}
 
 /// Runs a handler's body and turns what it throws into a status.
 template <class Body>
@@ -88,19 +106,30 @@ class CallTimer {
   const std::chrono::steady_clock::time_point _begin = std::chrono::steady_clock::now();
 };
 
-/// A call whose answer is small.
-template <class Body>
+template <class Message>
+ByteBuffer serialized(const Message& message) {
+  ByteBuffer bytes;
+  bool owned = false;
+  const Status status = grpc::SerializationTraits<Message>::Serialize(message, &bytes, &owned);
+  if (!status.ok()) throw std::runtime_error("cannot serialize: " + status.error_message());
+  return bytes;
+}
+
+/// A call whose messages are small. Requests are parsed here and not by gRPC, which would answer
+/// one that is no message as if the method did not exist.
+template <class Request, class Answer, class Body>
 ServerUnaryReactor* answer(ServingContext& serving, const char* operation,
-                           CallbackServerContext* context, Body body) {
+                           CallbackServerContext* context, const ByteBuffer& request,
+                           ByteBuffer& response, Body body) {
   const CallTimer timer(serving, operation, *context);
   const Status status = guarded([&] {
-    body();
+    Answer message;
+    body(parsed<Request>(request), message);
+    response = serialized(message);
     return Status::OK;
   });
   timer.report(status, 0);
-  ServerUnaryReactor* reactor = context->DefaultReactor();
-  reactor->Finish(status);
-  return reactor;
+  return finish(serving, status);
 }
 
 std::shared_ptr<const EncodedTable> currentTable(ServingContext& serving) {
@@ -109,28 +138,50 @@ std::shared_ptr<const EncodedTable> currentTable(ServingContext& serving) {
   return serving.tables.of(version);
 }
 
-/// Counts `bytes` towards the pages of single calls; false when that would pass the limit.
-bool reservePrivateBytes(ServingContext& serving, std::size_t bytes) {
-  const std::size_t before = serving.privateBytes.fetch_add(bytes, std::memory_order_relaxed);
-  if (before + bytes <= serving.options.privatePageBytes) return true;
-  serving.privateBytes.fetch_sub(bytes, std::memory_order_relaxed);
-  return false;
-}
+/// The share of one call in the memory for pages that cannot be shared. Gives it back unless the
+/// call keeps it.
+class PrivateBytes {
+ public:
+  explicit PrivateBytes(ServingContext& serving) : _serving(serving) {}
+  ~PrivateBytes() { _serving.privateBytes.fetch_sub(_bytes, std::memory_order_relaxed); }
+  PrivateBytes(const PrivateBytes&) = delete;
+  PrivateBytes& operator=(const PrivateBytes&) = delete;
+
+  /// Makes the share `bytes`; false, and the share stays, when that would pass the limit.
+  bool resize(std::size_t bytes) {
+    const std::size_t before =
+        _serving.privateBytes.fetch_add(bytes - _bytes, std::memory_order_relaxed);
+    if (bytes > _bytes && before + (bytes - _bytes) > _serving.options.privatePageBytes) {
+      _serving.privateBytes.fetch_sub(bytes - _bytes, std::memory_order_relaxed);
+      return false;
+    }
+    _bytes = bytes;
+    return true;
+  }
+
+  /// The caller answers for the share from now on.
+  std::size_t keep() { return std::exchange(_bytes, 0); }
+
+ private:
+  ServingContext& _serving;
+  std::size_t _bytes = 0;
+};
 
 Status sendPage(ServingContext& serving, const std::string& peer, const ByteBuffer& request,
                 ByteBuffer& response, std::size_t& counted) {
   return guarded([&] {
-    const auto query = parsed<v1::PageRequest>(request);
-    EncodedTable::PageAnswer page =
-        currentTable(serving)->page({query.high(), query.low(), query.size()});
-    if (!page.shared) {
-      const std::size_t bytes = page.bytes.Length();
-      if (!reservePrivateBytes(serving, bytes))
-        return Status(StatusCode::RESOURCE_EXHAUSTED, "too many pages of other sizes than " +
+    const auto asked = parsed<v1::PageRequest>(request);
+    const wire::PageQuery query{asked.high(), asked.low(), asked.size()};
+    const auto table = currentTable(serving);
+    PrivateBytes mine(serving);
+    const Status full(StatusCode::RESOURCE_EXHAUSTED, "too many pages of other sizes than " +
                                                           std::to_string(service::kMaxPageSize) +
                                                           " are being sent");
-      counted = bytes;
-    }
+    // Before the work of encoding, so that calls which cannot be served cost next to nothing.
+    if (!mine.resize(table->privateRecords(query) * kUsualRecordBytes)) return full;
+    const EncodedTable::PageAnswer page = table->page(query);
+    if (!page.shared && !mine.resize(page.bytes.Length())) return full;
+    counted = mine.keep();
     response = page.bytes;
     if (page.last)
       serving.gate.finished(peer);
@@ -147,44 +198,46 @@ ServerUnaryReactor* answerPage(ServingContext& serving, const char* operation,
   std::size_t counted = 0;
   const Status status = sendPage(serving, context->peer(), *request, *response, counted);
   timer.report(status, status.ok() ? response->Length() : 0);
-  ServerUnaryReactor* reactor =
-      counted == 0 ? context->DefaultReactor() : new CountedReactor(serving.privateBytes, counted);
-  reactor->Finish(status);
-  return reactor;
+  return finish(serving, status, counted);
 }
 
 using Main = v1::TolvarObj;
-using MainBase = Main::WithCallbackMethod_GetConf<
-    Main::WithCallbackMethod_CheckChange<Main::WithRawCallbackMethod_DownloadPage<
-        Main::WithRawCallbackMethod_DownloadCodes<Main::WithCallbackMethod_ReportCounts<
-            Main::WithCallbackMethod_ReportLines<Main::Service>>>>>>;
+using MainBase = Main::WithRawCallbackMethod_GetConf<
+    Main::WithRawCallbackMethod_CheckChange<Main::WithRawCallbackMethod_DownloadPage<
+        Main::WithRawCallbackMethod_DownloadCodes<Main::WithRawCallbackMethod_ReportCounts<
+            Main::WithRawCallbackMethod_ReportLines<Main::Service>>>>>>;
 
 class MainHandlers final : public MainBase {
  public:
   explicit MainHandlers(ServingContext& serving) : _serving(serving) {}
 
-  ServerUnaryReactor* GetConf(CallbackServerContext* context, const v1::GetConfRequest*,
-                              v1::ClientConf* response) override {
-    return answer(_serving, "GetConf", context,
-                  [&] { wire::encodeConf(_serving.service->getConf(), *response); });
+  ServerUnaryReactor* GetConf(CallbackServerContext* context, const ByteBuffer* request,
+                              ByteBuffer* response) override {
+    return answer<v1::GetConfRequest, v1::ClientConf>(
+        _serving, "GetConf", context, *request, *response,
+        [&](const v1::GetConfRequest&, v1::ClientConf& conf) {
+          wire::encodeConf(_serving.service->getConf(), conf);
+        });
   }
 
-  ServerUnaryReactor* CheckChange(CallbackServerContext* context, const v1::CheckRequest* request,
-                                  v1::CheckAnswer* response) override {
-    return answer(_serving, "CheckChange", context, [&] {
-      const auto req = decoded([&] {
-        ravel::CheckReq record;
-        wire::decodeCheckReq(*request, record);
-        return record;
-      });
-      ravel::CheckInfo info = _serving.service->checkChangeAdv(req);
-      if (info.isNetFlow != 1 && info.isReset != 0 && !_serving.gate.admit(context->peer())) {
-        info = ravel::CheckInfo();
-        info.isNetFlow = 1;
-        _serving.refusedChecks.fetch_add(1, std::memory_order_relaxed);
-      }
-      wire::encodeCheckInfo(info, *response);
-    });
+  ServerUnaryReactor* CheckChange(CallbackServerContext* context, const ByteBuffer* request,
+                                  ByteBuffer* response) override {
+    return answer<v1::CheckRequest, v1::CheckAnswer>(
+        _serving, "CheckChange", context, *request, *response,
+        [&](const v1::CheckRequest& asked, v1::CheckAnswer& told) {
+          const auto req = decoded([&] {
+            ravel::CheckReq record;
+            wire::decodeCheckReq(asked, record);
+            return record;
+          });
+          ravel::CheckInfo info = _serving.service->checkChangeAdv(req);
+          if (info.isNetFlow != 1 && info.isReset != 0 && !_serving.gate.admit(context->peer())) {
+            info = ravel::CheckInfo();
+            info.isNetFlow = 1;
+            _serving.refusedChecks.fetch_add(1, std::memory_order_relaxed);
+          }
+          wire::encodeCheckInfo(info, told);
+        });
   }
 
   ServerUnaryReactor* DownloadPage(CallbackServerContext* context, const ByteBuffer* request,
@@ -201,27 +254,27 @@ class MainHandlers final : public MainBase {
       return Status::OK;
     });
     timer.report(status, status.ok() ? response->Length() : 0);
-    ServerUnaryReactor* reactor = context->DefaultReactor();
-    reactor->Finish(status);
-    return reactor;
+    return finish(_serving, status);
   }
 
-  ServerUnaryReactor* ReportCounts(CallbackServerContext* context,
-                                   const v1::ReportCountsRequest* request,
-                                   v1::ReportAnswer*) override {
-    return answer(_serving, "ReportCounts", context, [&] {
-      const auto counts = decoded([&] { return wire::decodeReportCounts(*request); });
-      _serving.service->reportCounts(counts, request->dropped());
-    });
+  ServerUnaryReactor* ReportCounts(CallbackServerContext* context, const ByteBuffer* request,
+                                   ByteBuffer* response) override {
+    return answer<v1::ReportCountsRequest, v1::ReportAnswer>(
+        _serving, "ReportCounts", context, *request, *response,
+        [&](const v1::ReportCountsRequest& report, v1::ReportAnswer&) {
+          const auto counts = decoded([&] { return wire::decodeReportCounts(report); });
+          _serving.service->reportCounts(counts, report.dropped());
+        });
   }
 
-  ServerUnaryReactor* ReportLines(CallbackServerContext* context,
-                                  const v1::ReportLinesRequest* request,
-                                  v1::ReportAnswer*) override {
-    return answer(_serving, "ReportLines", context, [&] {
-      const auto lines = decoded([&] { return wire::decodeReportLines(*request); });
-      _serving.service->reportLines(lines, request->dropped());
-    });
+  ServerUnaryReactor* ReportLines(CallbackServerContext* context, const ByteBuffer* request,
+                                  ByteBuffer* response) override {
+    return answer<v1::ReportLinesRequest, v1::ReportAnswer>(
+        _serving, "ReportLines", context, *request, *response,
+        [&](const v1::ReportLinesRequest& report, v1::ReportAnswer&) {
+          const auto lines = decoded([&] { return wire::decodeReportLines(report); });
+          _serving.service->reportLines(lines, report.dropped());
+        });
   }
 
  private:

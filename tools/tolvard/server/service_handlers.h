@@ -24,6 +24,7 @@ struct ServingContext {
   DownloadGate gate;
   EncodedTableCache tables;
   std::atomic<std::uint64_t> refusedChecks{0};  ///< for want of a download place
+  std::atomic<std::size_t> calls{0};            ///< begun and not yet sent to their end
   std::atomic<std::size_t> privateBytes{0};  ///< of pages that only one call uses, still being sent
 };
 

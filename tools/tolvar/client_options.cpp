@@ -1,0 +1,67 @@
+#include "tools/tolvar/client_options.h"
+
+#include <CLI/CLI.hpp>
+#include <filesystem>
+
+#include "tools/tolvar/key_list.h"
+
+namespace tolvar::tools {
+namespace {
+
+void makeAbsolute(std::string& path) {
+  if (!path.empty()) path = std::filesystem::absolute(path).string();
+}
+
+}  // namespace
+
+CLI::Option* ClientOptions::declareService(CLI::App& app) {
+  CLI::Option* const endpoints = app.add_option(
+      "--service", service.endpoints,
+      "The service to ask, tolvard's address; may be repeated, or several with commas between");
+  endpoints->allow_extra_args(false)->delimiter(',')->type_name("HOST:PORT");
+  app.add_option("--tls-ca", service.caFile, "Authorities of the service's certificate: encrypts")
+      ->needs("--service")
+      ->type_name("FILE");
+  app.add_option("--tls-cert", service.certFile, "Certificate to show to the service")
+      ->needs("--tls-ca")
+      ->type_name("FILE");
+  app.add_option("--tls-key", service.keyFile, "Key of that certificate")
+      ->needs("--tls-cert")
+      ->type_name("FILE");
+  app.add_option("--tls-name", service.authority,
+                 "Name in the service's certificate, when it is not the host")
+      ->needs("--tls-ca")
+      ->type_name("NAME");
+  return endpoints;
+}
+
+void ClientOptions::declareHost(CLI::App& app) {
+  app.add_option_function<std::string>(
+         "--keys",
+         [this](const std::string& text) {
+           const ImageKeys parsed = parseKeys(text);
+           keys.assign(parsed.begin(), parsed.end());
+         },
+         "Three System V shared-memory keys to keep the image under after the run "
+         "(default: keys of this run's own, removed at its end)")
+      ->type_name("KEY,KEY,KEY");
+  app.add_option("--log", logPath,
+                 "Keep the client's log below this directory (default: removed at the end)")
+      ->type_name("DIR");
+}
+
+ClientOptions ClientOptions::resolved() const {
+  ClientOptions absolute = *this;
+  makeAbsolute(absolute.logPath);
+  for (std::string* file :
+       {&absolute.service.caFile, &absolute.service.certFile, &absolute.service.keyFile})
+    makeAbsolute(*file);
+  return absolute;
+}
+
+std::unique_ptr<PrivateRun> ClientOptions::makeRun() const {
+  if (keys.empty()) return std::make_unique<PrivateRun>();
+  return std::make_unique<PrivateRun>(std::array<key_t, 3>{keys[0], keys[1], keys[2]});
+}
+
+}  // namespace tolvar::tools
