@@ -57,6 +57,9 @@ class Service {
 
   qel::Communicator& communicator() noexcept { return _communicator; }
 
+  /// What a transport serves.
+  const std::shared_ptr<tolvar::service::LookupService>& lookups() noexcept { return _service; }
+
  private:
   std::shared_ptr<tolvar::service::LookupService> _service;
   tolvar::InProcessCommunicator _communicator;

@@ -16,8 +16,7 @@ constexpr milliseconds kHastenEvery{500};
 Endpoint::Endpoint(std::string address, std::shared_ptr<grpc::Channel> channel)
     : _address(std::move(address)),
       _channel(std::move(channel)),
-      _main(v1::TolvarObj::NewStub(_channel)),
-      _fast(v1::FTolvarObj::NewStub(_channel)) {}
+      _main(v1::TolvarObj::NewStub(_channel)) {}
 
 bool Endpoint::isReady() const { return _channel->GetState(false) == GRPC_CHANNEL_READY; }
 

@@ -20,8 +20,8 @@ class Endpoint {
   Endpoint(std::string address, std::shared_ptr<grpc::Channel> channel);
 
   const std::string& address() const noexcept { return _address; }
+  const std::shared_ptr<grpc::Channel>& channel() const noexcept { return _channel; }
   v1::TolvarObj::StubInterface& main() noexcept { return *_main; }
-  v1::FTolvarObj::StubInterface& fast() noexcept { return *_fast; }
 
   bool isReady() const;
 
@@ -44,7 +44,6 @@ class Endpoint {
   const std::string _address;
   const std::shared_ptr<grpc::Channel> _channel;
   const std::unique_ptr<v1::TolvarObj::StubInterface> _main;
-  const std::unique_ptr<v1::FTolvarObj::StubInterface> _fast;
 
   mutable std::mutex _mutex;
   // Guarded by _mutex.

@@ -3,6 +3,7 @@
 #include <random>
 
 #include "platform/exception.h"
+#include "transport/grpc/page_call.h"
 #include "transport/grpc/page_codec.h"
 #include "transport/grpc/record_codec.h"
 
@@ -28,6 +29,16 @@ v1::PageRequest pageRequest(const wire::PageQuery& query) {
   request.set_low(query.low);
   request.set_size(query.size);
   return request;
+}
+
+/// One attempt to fetch the answer to `query` from `server`.
+grpc::Status fetchPage(Endpoint& server, const char* method, grpc::ClientContext& call,
+                       const wire::PageQuery& query, ravel::downloadInfo& page) {
+  grpc::ByteBuffer answer;
+  const grpc::Status status =
+      callForPage(server.channel(), method, call, pageRequest(query), answer);
+  if (status.ok()) wire::decodePage(wire::PageBytes(answer), query, page);
+  return status;
 }
 
 }  // namespace
@@ -82,14 +93,9 @@ int GrpcTolvarProxy::checkChangeAdv(const ravel::CheckReq& req, ravel::CheckInfo
 int GrpcTolvarProxy::totalDownloadIPInfo(std::uint32_t high, std::uint32_t low, std::uint32_t size,
                                          ravel::downloadInfo& page, const CallContext& context,
                                          CallContext* response) {
-  const wire::PageQuery query{high, low, size};
-  const v1::PageRequest request = pageRequest(query);
   _target.call({"totalDownloadIPInfo", _target.core->options.pageDeadline, true}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
-                 v1::Page answer;
-                 const grpc::Status status = server.main().DownloadPage(&call, request, &answer);
-                 if (status.ok()) wire::decodePage(answer, query, page);
-                 return status;
+                 return fetchPage(server, kDownloadPageMethod, call, {high, low, size}, page);
                });
   return 0;
 }
@@ -140,15 +146,9 @@ void GrpcFTolvarProxy::cancelCalls() { _target.core->calls.cancel(_target.family
 int GrpcFTolvarProxy::FirstTotalDownloadIPInfo(std::uint32_t high, std::uint32_t low,
                                                std::uint32_t size, ravel::downloadInfo& page,
                                                const CallContext& context, CallContext* response) {
-  const wire::PageQuery query{high, low, size};
-  const v1::PageRequest request = pageRequest(query);
   _target.call({"FirstTotalDownloadIPInfo", _target.core->options.pageDeadline, true}, context,
                response, [&](Endpoint& server, grpc::ClientContext& call) {
-                 v1::Page answer;
-                 const grpc::Status status =
-                     server.fast().FirstDownloadPage(&call, request, &answer);
-                 if (status.ok()) wire::decodePage(answer, query, page);
-                 return status;
+                 return fetchPage(server, kFirstDownloadPageMethod, call, {high, low, size}, page);
                });
   return 0;
 }

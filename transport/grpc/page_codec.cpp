@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tolvar.pb.h"
+#include "transport/grpc/plain_page.h"
 
 namespace tolvar::wire {
 namespace {
@@ -209,6 +210,16 @@ void decodePage(const v1::Page& page, const PageQuery& query, ravel::downloadInf
     checkEmpty(query, endIndex, isReset);
   else
     checkCursors(ranges, query, endIndex, isReset);
+}
+
+void decodePage(const PageBytes& page, const PageQuery& query, ravel::downloadInfo& info) {
+  if (decodePlainPage(page, query, info)) return;
+  const std::span<const std::uint8_t> bytes = page.bytes();
+  v1::Page message;
+  if (bytes.size() > std::numeric_limits<int>::max() ||
+      !message.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())))
+    throw WireError("it is not a page");
+  decodePage(message, query, info);
 }
 
 void encodeCodes(std::span<const ravel::CodeInfo> codes, v1::Codes& message) {

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "records/records.h"
+#include "transport/grpc/page_bytes.h"
 #include "transport/grpc/wire_limits.h"
 
 namespace tolvar::v1 {
@@ -51,6 +52,10 @@ void encodePage(const PageHead& head, std::span<const ravel::IPProperty> ranges,
 ///    behind the cursor asked for;
 ///  - the page is empty although the end index says that ranges follow.
 void decodePage(const v1::Page& page, const PageQuery& query, ravel::downloadInfo& info);
+
+/// The same from the bytes of a page, several times as fast. Throws WireError also when they are
+/// not a Page.
+void decodePage(const PageBytes& page, const PageQuery& query, ravel::downloadInfo& info);
 
 /// Fills `message` with `codes`, order kept. Throws WireError when there are more than
 /// kMaxCodeEntries or a name is longer than kMaxNameBytes.

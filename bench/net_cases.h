@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tolvar_bench {
+
+/// What a part of the network benchmark measured: values by name.
+using Figures = std::map<std::string, double>;
+
+/// Where the server process of a benchmark listens.
+struct NetTarget {
+  std::string service;  ///< the lookup service
+  std::string bare;     ///< answers any number of bytes, and does nothing else
+  int pid = 0;
+};
+
+/// Serves a synthetic table of `ranges` ranges, says where on standard output, and ends with
+/// standard input.
+void runNetServer(std::size_t ranges);
+
+/// The whole table beside the same bytes through bare calls, and the decoding alone.
+Figures measureColdStart(const NetTarget& target);
+
+/// A client without an image, from its construction until it answers, by phases. Once a process, by
+/// the main thread, before anything of gRPC.
+Figures measureStart(const NetTarget& target);
+
+/// `hosts` connections that all fetch `pages` pages at once. With `decode`, the hosts turn them
+/// into records as clients do.
+Figures measureHosts(const NetTarget& target, int hosts, int pages, bool decode);
+
+/// Change checks of `hosts` connections in turn for `seconds`.
+Figures measureChecks(const NetTarget& target, int hosts, int seconds);
+
+/// Fetches the table again and again over 8 connections until standard input ends.
+void runDownloads(const NetTarget& target);
+
+}  // namespace tolvar_bench
