@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -61,12 +62,19 @@ bool LogChannel::drainLocked() {
   LogRoller* roller = _roller.load(std::memory_order_acquire);
   if (roller == nullptr) return true;
   if (!_pending.empty() && !rollPending(*roller)) return false;
-  const std::uint64_t dropped = _queue.takeAll(&_pending);
-  if (dropped != 0) {
-    _pending.emplace_back(kLogWarn, _header(kLogWarn) + "log queue full, " +
-                                        std::to_string(dropped) + " lines dropped here\n");
-  }
+  _dropped += _queue.takeAll(&_pending);
+  if (_dropped != 0) noteDropped();
   return _pending.empty() || rollPending(*roller);
+}
+
+void LogChannel::noteDropped() {
+  try {
+    _pending.emplace_back(kLogWarn, _header(kLogWarn) + "log queue full, " +
+                                        std::to_string(_dropped) + " lines dropped here\n");
+    _dropped = 0;
+  } catch (const std::bad_alloc&) {
+    // Told with the next lines.
+  }
 }
 
 bool LogChannel::rollPending(LogRoller& roller) {
@@ -79,12 +87,17 @@ bool LogChannel::rollPending(LogRoller& roller) {
 
 bool LogChannel::tryRoll(LogRoller& roller, std::string* failure) {
   try {
-    roller.roll(_pending);
-    return true;
-  } catch (const ZU_Exception& e) {
-    *failure = std::string(e.what()) + " (" + std::generic_category().message(e.getErrCode()) + ")";
-  } catch (const std::exception& e) {
-    *failure = e.what();
+    try {
+      roller.roll(_pending);
+      return true;
+    } catch (const ZU_Exception& e) {
+      *failure =
+          std::string(e.what()) + " (" + std::generic_category().message(e.getErrCode()) + ")";
+    } catch (const std::exception& e) {
+      *failure = e.what();
+    }
+  } catch (const std::bad_alloc&) {
+    failure->assign("no memory");  // short enough for the string object itself
   }
   return _pending.empty();
 }

@@ -72,6 +72,7 @@ class LogChannel {
 
  private:
   bool drainLocked();
+  void noteDropped();
   bool rollPending(LogRoller& roller);
   bool tryRoll(LogRoller& roller, std::string* failure);
   void complain(const std::string& failure);
@@ -88,6 +89,7 @@ class LogChannel {
   ZU_ThreadMutex _drainMutex;  // held while writing: keeps the order of the lines
   // Guarded by _drainMutex.
   LogBatch _pending;
+  std::uint64_t _dropped = 0;  // lines that no line tells of yet
   std::int64_t _nextComplaint = INT64_MIN;
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "platform/exception.h"
@@ -73,7 +74,13 @@ class ZU_LoggerThreadGroup::Writer final : public ZU_Thread {
  private:
   void run() override {
     bool failed = false;
-    while (_shared->awaitWork(failed)) failed = !drainAll(_shared->copyOfChannels());
+    while (_shared->awaitWork(failed)) {
+      try {
+        failed = !drainAll(_shared->copyOfChannels());
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+    }
   }
 
   const std::shared_ptr<Shared> _shared;
@@ -140,7 +147,11 @@ void ZU_LoggerThreadGroup::stop() {
   }
   for (const auto& writer : _writers) writer->getThreadControl().join();
   _writers.clear();
-  flush();
+  try {
+    flush();
+  } catch (const std::bad_alloc&) {
+    // The loggers write what is left when they end.
+  }
 }
 
 }  // namespace qel

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "platform/thread.h"
@@ -22,14 +23,20 @@ class ZU_ThreadQueue {
   ZU_ThreadQueue(std::size_t maxItems, std::size_t maxBytes)
       : _maxItems(maxItems), _maxBytes(maxBytes) {}
 
-  /// Queues an item that counts as `bytes` bytes, and tells whether the queue was empty before.
+  /// Queues an item that counts as `bytes` bytes, and tells whether the queue was empty before. One
+  /// that there is no memory for is refused.
   Pushed push(T item, std::size_t bytes) {
     std::lock_guard<ZU_ThreadMutex> hold(_mutex);
     if (_items.size() >= _maxItems || bytes > _maxBytes - _bytes) {
       ++_refused;
       return Pushed::kRefused;
     }
-    _items.push_back(std::move(item));
+    try {
+      _items.push_back(std::move(item));
+    } catch (const std::bad_alloc&) {
+      ++_refused;
+      return Pushed::kRefused;
+    }
     _bytes += bytes;
     return _items.size() == 1 ? Pushed::kFirst : Pushed::kBehindOthers;
   }

@@ -39,8 +39,9 @@ Lines& linesOfThread() {
   return *threadLines;
 }
 
-Line* find(std::uint64_t owner) {
-  for (const auto& line : linesOfThread())
+Line* find(std::uint64_t owner) noexcept {
+  if (threadLines == nullptr) return nullptr;
+  for (const auto& line : *threadLines)
     if (line->owner == owner) return line.get();
   return nullptr;
 }

@@ -1,0 +1,78 @@
+#include "tests/faults/host_clock.h"
+
+#include <algorithm>
+#include <chrono>
+#include <vector>
+
+namespace tolvar_test {
+namespace {
+
+constexpr std::int64_t kEpochSeconds = 1700000000;
+constexpr int kRoundMillis = 100;
+constexpr int kRealRoundMillis = 3;
+constexpr int kLongestRestMillis = 1000;
+constexpr std::chrono::seconds kPatience{10};
+
+}  // namespace
+
+std::int64_t HostClock::now() const {
+  std::lock_guard<std::mutex> hold(_mutex);
+  return _millis;
+}
+
+timeval HostClock::timeOfDay() const {
+  const std::int64_t millis = now();
+  return {kEpochSeconds + millis / 1000, millis % 1000 * 1000};
+}
+
+std::int64_t HostClock::steadyMillis() const { return now(); }
+
+bool HostClock::wait(qel::ZU_ThreadCond& cond, qel::ZU_ThreadMutex& mutex, int milliseconds) {
+  if (milliseconds == kRoundMillis) {
+    if (cond.timedWait(mutex, kRealRoundMillis)) return true;
+    mutex.unlock();
+    advance(milliseconds);
+    mutex.lock();
+    return false;
+  }
+  std::list<Waiter>::iterator self;
+  {
+    std::lock_guard<std::mutex> hold(_mutex);
+    const bool rests = milliseconds <= kLongestRestMillis;
+    self = _waiters.insert(_waiters.end(), {&cond, &mutex, _millis + milliseconds, rests});
+    _resting.notify_all();
+  }
+  // `advance` takes `mutex` before it wakes anybody, so no wake-up falls between here and the wait.
+  cond.wait(mutex);
+  std::lock_guard<std::mutex> hold(_mutex);
+  const bool notified = _millis < self->end;
+  _waiters.erase(self);
+  return notified;
+}
+
+bool HostClock::awaitRest() {
+  std::unique_lock<std::mutex> hold(_mutex);
+  return _resting.wait_for(hold, kPatience, [this] {
+    return std::any_of(_waiters.begin(), _waiters.end(),
+                       [](const Waiter& waiter) { return waiter.rests && !waiter.due; });
+  });
+}
+
+void HostClock::advance(std::int64_t milliseconds) {
+  std::vector<Waiter> due;
+  {
+    std::lock_guard<std::mutex> hold(_mutex);
+    _millis += milliseconds;
+    for (Waiter& waiter : _waiters) {
+      if (waiter.end > _millis) continue;
+      waiter.due = true;
+      due.push_back(waiter);
+    }
+  }
+  for (const Waiter& waiter : due) {
+    std::lock_guard<qel::ZU_ThreadMutex> hold(*waiter.mutex);
+    waiter.cond->broadcast();
+  }
+}
+
+}  // namespace tolvar_test
