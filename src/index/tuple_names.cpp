@@ -26,16 +26,17 @@ std::uint64_t textBytes(const Places& places) {
 
 TupleNames::TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames> codes)
     : _codes(std::move(codes)), _tuples(ranges.tupleCount()) {
-  chooseSize(ranges);
+  const std::vector<Places> places = findPlaces(ranges);
+  chooseSize(places);
   // At least a line more, so that the last name is followed by readable bytes too.
   _lines.resize(_tuples * _rowBytes / sizeof(Line) + 2);
-  eachTuple(ranges, [&](std::uint32_t tuple, const Places& places) {
-    write(places, _lines.data()->bytes + std::size_t{tuple} * _rowBytes);
-  });
+  char* row = _lines.data()->bytes;
+  for (const Places& names : places) write(names, row += _rowBytes);
 }
 
-template <class Use>
-void TupleNames::eachTuple(const RangeIndex& ranges, Use use) const {
+std::vector<TupleNames::Places> TupleNames::findPlaces(const RangeIndex& ranges) const {
+  std::vector<Places> all;
+  all.reserve(_tuples);
   // Tuples are numbered as they appear in the table, so neighbours share most of their ids.
   std::array<std::uint64_t, kNames> known{};
   Places places{};
@@ -54,16 +55,17 @@ void TupleNames::eachTuple(const RangeIndex& ranges, Use use) const {
       places[i] = i < kNames - 1 ? _codes->findPlace(static_cast<int>(i), ids[i])
                                  : _codes->labelPlace(static_cast<std::uint32_t>(ids[i]));
     }
-    use(tuple, std::as_const(places));
+    all.push_back(places);
   }
+  return all;
 }
 
-void TupleNames::chooseSize(const RangeIndex& ranges) {
+void TupleNames::chooseSize(const std::vector<Places>& places) {
   std::array<std::size_t, kRowSizes.size()> tooSmall{};
-  eachTuple(ranges, [&](std::uint32_t, const Places& places) {
-    const std::uint64_t need = IPNameView::kTextAt + textBytes(places);
+  for (const Places& names : places) {
+    const std::uint64_t need = IPNameView::kTextAt + textBytes(names);
     for (std::size_t i = 0; i < kRowSizes.size(); ++i) tooSmall[i] += need > kRowSizes[i];
-  });
+  }
   const auto chosen = std::find_if(tooSmall.begin(), tooSmall.end() - 1, [&](std::size_t apart) {
     return apart <= _tuples / kApartShare;
   });

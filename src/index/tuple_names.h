@@ -58,12 +58,9 @@ class TupleNames {
   using Places = std::array<CodeNames::Place, kNames>;
   using Views = std::array<std::string_view, kNames>;
 
-  /// Calls `use(tuple, places)` for all tuples but 0, in order.
-  template <class Use>
-  void eachTuple(const RangeIndex& ranges, Use use) const;
-
-  /// How many tuples have text that does not fit into a row, for each size there is.
-  void chooseSize(const RangeIndex& ranges);
+  /// Of all tuples but 0, in order.
+  std::vector<Places> findPlaces(const RangeIndex& ranges) const;
+  void chooseSize(const std::vector<Places>& places);
   void write(const Places& places, char* row);
 
   std::shared_ptr<const CodeNames> _codes;
