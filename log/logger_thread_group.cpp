@@ -104,6 +104,8 @@ void ZU_LoggerThreadGroup::start(int threads) {
     Hold hold(_shared->mutex);
     _shared->stopping = false;
   }
+  // Room first: a writer that runs already must not be lost for want of it.
+  _writers.reserve(static_cast<std::size_t>(threads));
   try {
     for (int i = 0; i < threads; ++i) {
       auto writer = std::make_unique<Writer>(_shared);

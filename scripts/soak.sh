@@ -16,13 +16,14 @@
 #
 # Installs missing Debian packages first (scripts/install_deps.sh) and builds in build/soak. Prints
 # what was done and exits with 0 only when nothing was wrong.
-# 2,000 kills in a few minutes: scripts/soak.sh --kills 2000 --publish-every 200 --kill-every 40 --small
+# 2,000 kills in ten minutes or less:
+#   scripts/soak.sh --kills 2000 --publish-every 200 --kill-every 40 --small
 set -eu
 
 cd -- "$(dirname -- "$0")/.."
 case "${1-}" in
   "" | -h | --help)
-    sed -n '2,20s/^# \{0,1\}//p' "scripts/soak.sh"
+    sed -n '2,22s/^# \{0,1\}//p' "scripts/soak.sh"
     if [ $# -gt 0 ]; then exit 0; else exit 2; fi
     ;;
   -*) ;;

@@ -97,6 +97,8 @@ check_writable() {
 
 build() {
   if command -v ccache >/dev/null; then
+    # A fresh clone elsewhere finds what this tree has compiled.
+    export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
     set -- "$1" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache
   fi
   if ! cmake --preset "$@" >"$work/log" 2>&1; then

@@ -14,6 +14,8 @@ namespace {
 
 /// A log line shows this much of a name; the service may send megabytes.
 constexpr std::size_t kShownNameBytes = 256;
+/// One download is worth so many lines about single entries; the rest is counted.
+constexpr std::size_t kShownEntries = 1000;
 
 bool knownType(const ravel::CodeInfo& code) {
   return code.codeType > 0 && code.codeType <= kCodeTables;
@@ -85,19 +87,26 @@ void TolvarAPI::makeRoomForCodes(int target, const std::vector<ravel::CodeInfo>&
 }
 
 void TolvarAPI::writeCodes(int target, const std::vector<ravel::CodeInfo>& codes) {
+  std::size_t skipped = 0;
   for (const ravel::CodeInfo& code : codes) {
     if (!knownType(code)) {
-      TOLVAR_LOG(kLogError, __LINE__, "invalid code type. code_type = " << code.codeType);
+      if (++skipped <= kShownEntries)
+        TOLVAR_LOG(kLogError, __LINE__, "invalid code type. code_type = " << code.codeType);
       continue;
     }
     try {
       tolvar::appendNode(code, &m_code_vector_impl[code.codeType - 1][target]);
     } catch (const memVectorException& error) {
+      if (++skipped > kShownEntries) continue;
       TOLVAR_LOG(kLogError, __LINE__,
                  "checkCodeChangeResponse catch exception. "
                      << error.what() << ", code_type = " << code.codeType
                      << ", code_id = " << code.ID << ", content = " << shown(code.content));
     }
+  }
+  if (skipped > kShownEntries) {
+    TOLVAR_LOG(kLogError, __LINE__,
+               skipped - kShownEntries << " more entries of the code tables were skipped");
   }
 }
 

@@ -7,6 +7,14 @@
 
 namespace tolvar_test {
 
+/// What private memory may grow by, next to a share of itself, and still count as flat, in KiB.
+/// Sanitizers keep what was freed for a while.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr std::size_t kFlatMemoryKib = 512 * 1024;
+#else
+inline constexpr std::size_t kFlatMemoryKib = 4 * 1024;
+#endif
+
 /// What a process takes up, from /proc.
 struct ProcessFigures {
   bool alive = false;

@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
@@ -24,6 +27,8 @@ constexpr int kLockMillis = 30000;
 constexpr int kEndMillis = 60000;
 constexpr int kSampleMillis = 250;
 constexpr int kProgressMillis = 60000;
+constexpr std::chrono::milliseconds kAimTime{100};
+constexpr int kLongestHoldMicros = 2000;
 constexpr std::size_t kShownProblems = 10;
 /// Room for every version.
 constexpr std::size_t kSmallRanges = 2048;
@@ -45,6 +50,13 @@ SoakRole roleOfLine(int line) {
 std::string statusText(int status) {
   if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
   return "exit status " + std::to_string(WEXITSTATUS(status));
+}
+
+/// The process that holds the lock behind `key`, 0 when nobody does.
+pid_t lockHolder(key_t key) {
+  const int id = semget(key, 0, 0);
+  if (id < 0 || semctl(id, 0, GETVAL) != 1) return 0;
+  return semctl(id, 0, GETPID);
 }
 
 /// The number in a name like "v12 country".
@@ -163,8 +175,30 @@ std::int64_t SoakSupervisor::untilNextKill() {
   return std::uniform_int_distribution<std::int64_t>(0, 2 * _options.killMillis)(_random);
 }
 
+/// Every other kill goes to a process that holds the lock, some random time after it was seen to:
+/// a publication is short, and few kills would come into it by chance.
+int SoakSupervisor::chooseLine() {
+  const int anybody = std::uniform_int_distribution<int>(0, _options.processes - 1)(_random);
+  if (_killed % 2 == 0) return anybody;
+  const auto begin = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() - begin < kAimTime) {
+    const pid_t holder = lockHolder(_keys.size());
+    const auto worker = std::find_if(_workers.begin(), _workers.end(), [&](const Worker& w) {
+      return w.process > 0 && w.process == holder;
+    });
+    if (worker == _workers.end()) continue;
+    const auto seen = std::chrono::steady_clock::now();
+    const std::chrono::microseconds wait(
+        std::uniform_int_distribution<int>(0, kLongestHoldMicros)(_random));
+    while (std::chrono::steady_clock::now() - seen < wait) continue;
+    ++_aimed;
+    return static_cast<int>(worker - _workers.begin());
+  }
+  return anybody;
+}
+
 void SoakSupervisor::killOne() {
-  const int line = std::uniform_int_distribution<int>(0, _options.processes - 1)(_random);
+  const int line = chooseLine();
   Worker& worker = _workers[static_cast<std::size_t>(line)];
   kill(worker.process, SIGKILL);
   int status = 0;
@@ -284,7 +318,8 @@ void SoakSupervisor::judgePeaks() {
       "its descriptors %zu and %zu, segments mapped by anybody %zu and %zu\n",
       first.privateKib, last.privateKib, first.descriptors, last.descriptors, first.segments,
       last.segments);
-  if (last.privateKib > first.privateKib + first.privateKib / 2 + 8192) problem("memory grew");
+  if (last.privateKib > first.privateKib + first.privateKib / 2 + kFlatMemoryKib)
+    problem("memory grew");
   if (last.descriptors > first.descriptors + 4) problem("the number of descriptors grew");
   if (std::max(first.segments, last.segments) > kMostSegments)
     problem("there were " + std::to_string(std::max(first.segments, last.segments)) + " segments");
@@ -306,7 +341,8 @@ void SoakSupervisor::printFigures(std::int64_t millis) const {
   }
   std::printf("soak: %d kills in %.1f s (", _killed, static_cast<double>(millis) / 1000);
   for (const auto& [role, count] : _kills) std::printf(" %s %d", nameOf(role), count);
-  std::printf(" ), %d looks at the image\n", _imageChecks);
+  std::printf(" ), %d of them of a holder of the lock, %d looks at the image\n", _aimed,
+              _imageChecks);
   std::printf("soak: %u versions, %llu publications, %llu starts, %llu failed starts\n",
               _control->version.load(), publications, starts, failed);
   std::printf("soak: %llu answers checked, %llu wrong\n", lookups, wrong);

@@ -50,6 +50,7 @@ class SoakSupervisor {
 
   void spawn(int line);
   bool finished(std::int64_t now) const;
+  int chooseLine();
   void killOne();
   void lookForEnded();
   void checkImage();
@@ -71,6 +72,7 @@ class SoakSupervisor {
   std::vector<Worker> _workers;
   std::map<SoakRole, int> _kills;
   int _killed = 0;
+  int _aimed = 0;
   int _imageChecks = 0;
   bool _everReady = false;
   std::vector<Peak> _samples;

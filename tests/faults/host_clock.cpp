@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <vector>
+#include <cstdlib>
 
 namespace tolvar_test {
 namespace {
@@ -35,41 +35,44 @@ bool HostClock::wait(qel::ZU_ThreadCond& cond, qel::ZU_ThreadMutex& mutex, int m
     mutex.lock();
     return false;
   }
-  std::list<Waiter>::iterator self;
+  Waiters::iterator self;
   {
     std::lock_guard<std::mutex> hold(_mutex);
     const bool rests = milliseconds <= kLongestRestMillis;
-    self = _waiters.insert(_waiters.end(), {&cond, &mutex, _millis + milliseconds, rests});
+    self = std::find_if(_waiters.begin(), _waiters.end(),
+                        [](const Waiter& waiter) { return !waiter.waits; });
+    if (self == _waiters.end()) std::abort();
+    *self = {&cond, &mutex, _millis + milliseconds, rests, true, false};
     _resting.notify_all();
   }
   // `advance` takes `mutex` before it wakes anybody, so no wake-up falls between here and the wait.
   cond.wait(mutex);
   std::lock_guard<std::mutex> hold(_mutex);
   const bool notified = _millis < self->end;
-  _waiters.erase(self);
+  self->waits = false;
   return notified;
 }
 
 bool HostClock::awaitRest() {
   std::unique_lock<std::mutex> hold(_mutex);
   return _resting.wait_for(hold, kPatience, [this] {
-    return std::any_of(_waiters.begin(), _waiters.end(),
-                       [](const Waiter& waiter) { return waiter.rests && !waiter.due; });
+    return std::any_of(_waiters.begin(), _waiters.end(), [](const Waiter& waiter) {
+      return waiter.waits && waiter.rests && !waiter.due;
+    });
   });
 }
 
 void HostClock::advance(std::int64_t milliseconds) {
-  std::vector<Waiter> due;
+  Waiters due;
   {
     std::lock_guard<std::mutex> hold(_mutex);
     _millis += milliseconds;
-    for (Waiter& waiter : _waiters) {
-      if (waiter.end > _millis) continue;
-      waiter.due = true;
-      due.push_back(waiter);
-    }
+    for (Waiter& waiter : _waiters)
+      if (waiter.end <= _millis) waiter.due = true;
+    due = _waiters;
   }
   for (const Waiter& waiter : due) {
+    if (!waiter.waits || !waiter.due) continue;
     std::lock_guard<qel::ZU_ThreadMutex> hold(*waiter.mutex);
     waiter.cond->broadcast();
   }

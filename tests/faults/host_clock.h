@@ -1,8 +1,8 @@
 #pragma once
 
+#include <array>
 #include <condition_variable>
 #include <cstdint>
-#include <list>
 #include <mutex>
 
 #include "platform/clock.h"
@@ -30,8 +30,12 @@ class HostClock final : public qel::Clock {
     qel::ZU_ThreadMutex* mutex;
     std::int64_t end;
     bool rests;
-    bool due = false;
+    bool waits;
+    bool due;
   };
+
+  /// More than the threads of a client; no memory is asked for, as by the system's clocks.
+  using Waiters = std::array<Waiter, 16>;
 
   std::int64_t now() const;
 
@@ -39,7 +43,7 @@ class HostClock final : public qel::Clock {
   std::condition_variable _resting;
   // Guarded by _mutex.
   std::int64_t _millis = 5000;
-  std::list<Waiter> _waiters;
+  Waiters _waiters{};
 };
 
 }  // namespace tolvar_test

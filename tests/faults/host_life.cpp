@@ -96,6 +96,7 @@ TolvarAPIOptions HostLife::options() {
 
 std::string HostLife::live() {
   const Holdings before = Holdings::now(_keys);
+  _faults.begin();
   bool whole = true;
   {
     auto client = std::make_unique<Client>(_clock);

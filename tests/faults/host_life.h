@@ -17,6 +17,8 @@ namespace tolvar_test {
 class FaultSource {
  public:
   virtual ~FaultSource() = default;
+  /// The life begins.
+  virtual void begin() {}
   /// Something has failed.
   virtual bool fired() const = 0;
   /// Nothing fails from here on.

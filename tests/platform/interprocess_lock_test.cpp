@@ -115,4 +115,21 @@ TEST(InterprocessLock, ARefusedSemaphoreIsAnExceptionThatNamesTheKey) {
   }
 }
 
+TEST(InterprocessLock, AReleaseThatTheSystemRefusesIsRepeatedBeforeTheNextUse) {
+  const ShmKeys keys;
+  InterprocessLock lock;
+  {
+    tolvar_test::SystemCallsGuard guard;
+    ASSERT_TRUE(lock.acquire(keys.size(), 0));
+    guard.calls().semtimedop = [](int, sembuf*, size_t, const timespec*) {
+      errno = ENOMEM;
+      return -1;
+    };
+    lock.release();
+  }
+  EXPECT_FALSE(InterprocessLock().acquire(keys.size(), 0));
+  lock.release();
+  EXPECT_TRUE(InterprocessLock().acquire(keys.size(), 0));
+}
+
 }  // namespace
