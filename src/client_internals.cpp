@@ -1,6 +1,7 @@
 #include "src/client_internals.h"
 
 #include <numeric>
+#include <utility>
 
 namespace tolvar {
 namespace {
@@ -22,12 +23,12 @@ void ClientInternals::buildRanges(const ravel::vIPProperty& ranges) {
   built = LookupSnapshot::withRanges(current.get(), std::move(index));
 }
 
-void ClientInternals::publishRanges(std::size_t ranges, const std::string& digest) {
+void ClientInternals::publishRanges(std::size_t ranges, std::string digest) noexcept {
   tables.publish(std::move(built));
   std::lock_guard<std::mutex> hold(statusMutex);
   status.ipReady = true;
   status.ranges = ranges;
-  status.digest = digest;
+  status.digest = std::move(digest);
   status.lastPublished = clock.time();
 }
 
@@ -38,7 +39,7 @@ void ClientInternals::buildCodes(const CodeMaps& maps) {
   builtCodeEntries = entriesOf(maps);
 }
 
-void ClientInternals::publishCodes() {
+void ClientInternals::publishCodes() noexcept {
   tables.publish(std::move(built));
   std::lock_guard<std::mutex> hold(statusMutex);
   status.codesReady = true;

@@ -43,12 +43,12 @@ struct ClientInternals {
   /// Indexes `ranges`, which are sorted, under the names in use.
   void buildRanges(const ravel::vIPProperty& ranges);
   /// Publishes what buildRanges made.
-  void publishRanges(std::size_t ranges, const std::string& digest);
+  void publishRanges(std::size_t ranges, std::string digest) noexcept;
 
   /// Resolves the ranges in use with the names of `maps`.
   void buildCodes(const CodeMaps& maps);
   /// Publishes what buildCodes made.
-  void publishCodes();
+  void publishCodes() noexcept;
 
   /// Indexes `ranges`, which are sorted, under `names`: both as found in shared memory at the
   /// start.

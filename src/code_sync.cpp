@@ -111,14 +111,15 @@ void TolvarAPI::writeCodes(int target, const std::vector<ravel::CodeInfo>& codes
 }
 
 void TolvarAPI::takeOverCodes(int target, const std::vector<ravel::CodeInfo>& codes) {
-  for (auto& map : m_code_query_map) map.clear();
+  // Filled aside, so that a want of memory leaves the names in use whole.
+  tolvar::ClientInternals::CodeMaps maps;
   for (const ravel::CodeInfo& code : codes) {
     if (knownType(code))
-      m_code_query_map[code.codeType - 1].insert_or_assign(static_cast<std::uint64_t>(code.ID),
-                                                           code);
+      maps[code.codeType - 1].insert_or_assign(static_cast<std::uint64_t>(code.ID), code);
   }
-  m_internals->buildCodes(m_code_query_map);
+  m_internals->buildCodes(maps);
   Lock hold(*this);
+  for (int i = 0; i < kCodeTables; ++i) m_code_query_map[i].swap(maps[i]);
   m_internals->publishCodes();
   for (int i = 0; i < kCodeTables; ++i) m_code_vector[i] = &m_code_vector_impl[i][target];
   announceReady(2);

@@ -61,13 +61,16 @@ std::string TolvarAPI::writeTable(int target, const ravel::vIPProperty& ranges) 
 }
 
 void TolvarAPI::takeOverTable(int target, const std::string& digest) {
+  // What may find no memory comes first: a table half taken over would be an empty one next time.
+  std::string own = digest;
+  std::string shown = digest;
   Lock hold(*this);
   m_ip_query_vec = std::move(m_vIPProperty);
   m_vIPProperty.clear();
-  m_internals->publishRanges(m_ip_query_vec.size(), digest);
+  m_internals->publishRanges(m_ip_query_vec.size(), std::move(shown));
   m_internals->tableTakenOver = true;
   m_vectorIP = &m_ip_vector_impl[target];
-  m_cltMd5 = digest;
+  m_cltMd5 = std::move(own);
   announceReady(1);
 }
 

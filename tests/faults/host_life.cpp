@@ -163,7 +163,12 @@ void HostLife::checkAnswers(Client& client, const char* when) {
       found = client.getIPInfo(ip, &info);
     }
     const std::uint32_t version = found ? versionOf(ip, info) : 0;
-    if (version == 0) return complain(std::string("a wrong answer or none ") + when);
+    if (version == 0) {
+      const TolvarStatus status = client.status();
+      return complain((found ? "a wrong answer " : "no answer ") + std::string(when) + " from " +
+                      std::to_string(status.ranges) + " ranges, last seen version " +
+                      std::to_string(_seen) + ", last error: " + status.lastError);
+    }
     if (i > 0 && version != _seen) return complain(std::string("answers of two versions ") + when);
     _seen = version;
   }
