@@ -4,15 +4,17 @@
 #include <cstring>
 
 #include "src/range_codec.h"
+#include "src/side_task.h"
 
 namespace tolvar {
 namespace {
 
+/// From so many records on, a second thread saves more than it costs.
+constexpr std::size_t kParallelRecords = std::size_t{1} << 16;
+
 template <class Record, class Node>
-std::vector<Record> decodeAll(const MemVector<Node>& nodes) {
-  const std::size_t count = nodes.getMaxIndex();
-  std::vector<Record> records(count);
-  for (std::size_t i = 0; i < count; ++i) {
+void decodeSome(const MemVector<Node>& nodes, std::size_t begin, std::size_t end, Record* records) {
+  for (std::size_t i = begin; i < end; ++i) {
     const Node& node = nodes[i];
     if (node.encodedLength() > MemNode::kRoom) {
       throw memVectorException("node " + std::to_string(i) + " claims an encoding of " +
@@ -20,6 +22,12 @@ std::vector<Record> decodeAll(const MemVector<Node>& nodes) {
     }
     decodeNode(node, &records[i]);
   }
+}
+
+template <class Record, class Node>
+std::vector<Record> decodeAll(const MemVector<Node>& nodes) {
+  std::vector<Record> records(nodes.getMaxIndex());
+  decodeSome(nodes, 0, records.size(), records.data());
   return records;
 }
 
@@ -89,7 +97,17 @@ std::vector<ravel::IPAttribute> decodeRanges(const IPVector& nodes) {
 }
 
 ravel::vIPProperty decodeTable(const IPVector& nodes) {
-  return decodeAll<ravel::IPProperty>(nodes);
+  const std::size_t count = nodes.getMaxIndex();
+  ravel::vIPProperty ranges(count);
+  if (count < kParallelRecords) {
+    decodeSome(nodes, 0, count, ranges.data());
+    return ranges;
+  }
+  const std::size_t half = count / 2;
+  SideTask rest([&] { decodeSome(nodes, half, count, ranges.data()); });
+  decodeSome(nodes, 0, half, ranges.data());
+  rest.finish();
+  return ranges;
 }
 
 std::vector<ravel::CodeInfo> decodeCodes(const CodeVector& nodes) {

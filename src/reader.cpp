@@ -6,7 +6,9 @@
 
 using tolvar::LookupSnapshot;
 
-TolvarReader::TolvarReader(const tolvar::ClientInternals& internals) noexcept
+// A call of its own would cost more than all the rest of it.
+[[gnu::always_inline]] inline TolvarReader::TolvarReader(
+    const tolvar::ClientInternals& internals) noexcept
     : _tables(internals.tables.peek()) {}
 
 TolvarReader TolvarAPI::read() const noexcept { return TolvarReader(*m_internals); }

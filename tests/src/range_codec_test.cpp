@@ -168,4 +168,57 @@ TEST(ContentDigestOfImages, IsThatOfOneStringWhateverTheirNumber) {
   }
 }
 
+/// A table large enough to be decoded on two threads.
+class LargeTable : public testing::Test {
+ protected:
+  static constexpr std::uint32_t kRanges = 70001;
+
+  LargeTable() : _block(IPVector::calcMemSize(kRanges)) {
+    _nodes.create(_block.data(), _block.size());
+    for (std::uint32_t i = 0; i < kRanges; ++i) {
+      IPAttribute range;
+      range.startIP = range.endIP = i;
+      range.oper = i % 97;
+      tolvar::appendNode(range, &_nodes);
+    }
+  }
+
+  /// Damages the length word of a node; the message that decoding fails with.
+  std::string messageOf(std::uint32_t node) {
+    const std::uint64_t length = 500;
+    auto* const word = const_cast<char*>(_nodes[node].m_buffer);
+    std::uint64_t before;
+    std::memcpy(&before, word, sizeof before);
+    std::memcpy(word, &length, sizeof length);
+    std::string message;
+    try {
+      tolvar::decodeTable(_nodes);
+    } catch (const memVectorException& error) {
+      message = error.what();
+    }
+    std::memcpy(word, &before, sizeof before);
+    return message;
+  }
+
+  std::vector<char> _block;
+  IPVector _nodes;
+};
+
+TEST_F(LargeTable, IsDecodedWholeAndInOrder) {
+  const ravel::vIPProperty table = tolvar::decodeTable(_nodes);
+  ASSERT_EQ(table.size(), kRanges);
+  for (std::uint32_t i = 0; i < kRanges; ++i) {
+    ASSERT_EQ(table[i].startIP, i);
+    ASSERT_EQ(table[i].oper, i % 97);
+  }
+}
+
+TEST_F(LargeTable, ADamagedNodeIsNamedWhereverItIs) {
+  for (const std::uint32_t node : {0u, kRanges / 2 - 1, kRanges / 2, kRanges - 1}) {
+    const std::string message = messageOf(node);
+    EXPECT_NE(message.find("node " + std::to_string(node) + " claims"), std::string::npos)
+        << message;
+  }
+}
+
 }  // namespace
