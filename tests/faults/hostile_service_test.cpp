@@ -247,7 +247,11 @@ TEST(HostileTable, OneThatNeverEndsIsGivenUpAndItsMemoryGivenBack) {
   }
   scene.output.take();
   EXPECT_EQ(pages, 9) << "2^24 ranges and no more";
+#ifdef __SANITIZE_THREAD__  // keeps notes of its own on every word
+  EXPECT_LT(highest, 6 * 1024 * 1024);
+#else
   EXPECT_LT(highest, 2 * 1024 * 1024);
+#endif
   EXPECT_LT(residentKilobytes() - before, 128 * 1024);
   EXPECT_TRUE(scene.saysError("more than 16777216 ranges"));
   scene.expectGoodTableAnswers();
