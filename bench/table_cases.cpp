@@ -191,7 +191,7 @@ void registerTables(Scene& scene) {
       ->Iterations(5)
       ->UseManualTime();
   add("publish/tolvar", [&scene, versions](benchmark::State& s) { publish(s, scene, versions); })
-      ->Iterations(1)
+      ->Iterations(5)
       ->UseManualTime();
   add("publish/parts", [&](benchmark::State& s) { publishParts(s, scene); })
       ->Iterations(5)
