@@ -1,13 +1,14 @@
 #!/bin/sh
 # Builds the tree and runs its tests.
 #
-# usage: scripts/test.sh [--all | --preset NAME] [--help]
+# usage: scripts/test.sh [--all | --preset NAME] [--fuzz SECONDS] [--help]
 #
 #   (nothing)      all tests under the preset dev
 #   --all          then the core and the in-process transport under the address,
 #                  undefined-behaviour and thread sanitizers as well (asan-core, tsan), and every
 #                  fuzz target for a few seconds (scripts/fuzz.sh)
 #   --preset NAME  that configure preset only; see CMakePresets.json
+#   --fuzz SECONDS then every fuzz target for so long
 #
 # Installs missing Debian packages first (scripts/install_deps.sh). May be called from any directory.
 # JOBS sets the number of compilers at a time (default: one per processor), TEST_JOBS that of tests
@@ -34,8 +35,18 @@ while [ $# -gt 0 ]; do
       presets=$2
       shift
       ;;
+    --fuzz)
+      case "${2-}" in
+        "" | *[!0-9]*)
+          echo "test.sh: --fuzz needs a number of seconds" >&2
+          exit 2
+          ;;
+      esac
+      fuzz=$2
+      shift
+      ;;
     -h | --help)
-      sed -n '2,17s/^# \{0,1\}//p' "scripts/test.sh"
+      sed -n '2,18s/^# \{0,1\}//p' "scripts/test.sh"
       exit 0
       ;;
     *)
