@@ -199,8 +199,6 @@ void HostLife::destroy(std::unique_ptr<Client> client) {
 void HostLife::restart(bool imageIsWhole) {
   _server.setDown(true);
   const bool earlier = _faults.fired();
-  // Several failures in a row may have begun while the client before was on its way out.
-  if (earlier) _faults.heal();
   auto client = std::make_unique<Client>(_clock);
   bool started = initialize(*client);
   if (!started && earlier && imageIsWhole)
