@@ -1,20 +1,24 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
+struct IPHumanMessage;
+class IPNameView;
+
 namespace tolvar {
 class TupleNames;
-}
+void copyNames(const IPNameView& names, IPHumanMessage* msg);
+}  // namespace tolvar
 
-/// The nine names of one answer, not copied: each call shows where a name's text lies. Costs as
-/// much as a pointer until a name is asked for. Valid, with the text it shows, as long as the
-/// TolvarReader that filled it; one that nobody filled has nine empty names. May be read from any
-/// thread.
+/// The nine names of one answer, not copied: each call shows where a name's text lies, and the text
+/// is not touched by that. Valid, with the text it shows, as long as the TolvarReader that filled
+/// it; one that nobody filled has nine empty names. May be copied, and read from any thread.
 class IPNameView {
  public:
-  IPNameView() noexcept : _row(kNoNames) {}
+  IPNameView() noexcept = default;
 
   std::string_view country() const noexcept { return name<0>(); }
   std::string_view province() const noexcept { return name<1>(); }
@@ -28,27 +32,39 @@ class IPNameView {
 
  private:
   friend class tolvar::TupleNames;
+  friend void tolvar::copyNames(const IPNameView& names, IPHumanMessage* msg);
 
-  /// What a view points at begins with, for each name, the number of text bytes up to its end, in
-  /// one byte. Then come 0 and the text, or 1 and, in a whole pointer, the address of nine
-  /// std::string_view.
   static constexpr std::size_t kNames = 9;
-  static constexpr std::size_t kTextAt = kNames + 1;
-  static constexpr char kNoNames[kTextAt] = {};
 
-  explicit IPNameView(const char* row) noexcept : _row(row) {}
+  /// Where each name ends in the text, counted in bytes from its beginning, then whether the names
+  /// are no one text: if not 0, it begins with the address of nine std::string_view. Sixteen bytes,
+  /// because that is what a lookup copies at once.
+  struct Ends {
+    std::uint8_t of[kNames] = {};
+    std::uint8_t apart = 0;
+    std::uint8_t padding[6] = {};
+  };
+
+  IPNameView(const char* text, const Ends& ends) noexcept : _text(text), _ends(ends) {}
 
   template <std::size_t kName>
   std::string_view name() const noexcept {
-    if (_row[kNames] != 0) [[unlikely]] {
+    if (_ends.apart != 0) [[unlikely]] {
       const std::string_view* names;
-      std::memcpy(&names, _row + kTextAt, sizeof names);
+      std::memcpy(&names, _text, sizeof names);
       return names[kName];
     }
-    std::size_t begin = 0;
-    if constexpr (kName > 0) begin = static_cast<unsigned char>(_row[kName - 1]);
-    return {_row + kTextAt + begin, static_cast<unsigned char>(_row[kName]) - begin};
+    return nameIn<kName>(_text);
   }
 
-  const char* _row;
+  /// The name, when they are one text, which is `text`.
+  template <std::size_t kName>
+  std::string_view nameIn(const char* text) const noexcept {
+    std::size_t begin = 0;
+    if constexpr (kName > 0) begin = _ends.of[kName - 1];
+    return {text + begin, _ends.of[kName] - begin};
+  }
+
+  const char* _text = "";
+  Ends _ends;
 };

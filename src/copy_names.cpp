@@ -9,24 +9,40 @@ namespace {
 
 #ifdef __cpp_lib_string_resize_and_overwrite
 
-/// Bytes that every string has room for without asking for memory.
+/// Bytes that every string has room for without asking for memory, and bytes that a string has room
+/// for once it held a name that is longer.
 constexpr std::size_t kShort = 15;
-static_assert(kShort <= TupleNames::kReadableBytes);
+constexpr std::size_t kRoomy = 31;
+static_assert(std::string().capacity() >= kShort);
+static_assert(kRoomy < TupleNames::kReadableBytes);
 
-/// Out of the way of the short names, whose copies then need no call.
-[[gnu::noinline]] void assignLong(std::string_view name, std::string* out) { out->assign(name); }
+/// Out of the way of the other names, whose copies then need no call.
+[[gnu::noinline]] void assignLong(std::string_view name, std::string* out) {
+  out->reserve(kRoomy);
+  out->assign(name);
+}
 
-/// A short name is copied with what follows it and cut off then: how long names are is nothing a
-/// processor could guess, and each wrong guess would cost more than the whole copy.
-[[gnu::always_inline]] inline void assign(std::string_view name, std::string* out) {
-  if (name.size() > kShort) [[unlikely]] {
-    assignLong(name, out);
-    return;
-  }
-  out->resize_and_overwrite(kShort, [name](char* text, std::size_t) {
-    std::memcpy(text, name.data(), kShort);
+template <std::size_t kBytes>
+[[gnu::always_inline]] inline void overwrite(std::string_view name, std::string* out) {
+  out->resize_and_overwrite(kBytes, [name](char* text, std::size_t) {
+    std::memcpy(text, name.data(), kBytes + 1);  // over the terminating zero, which comes back
     return name.size();
   });
+}
+
+/// A name is copied with what follows it, as much as the string has room for, and cut off then: how
+/// long names are is nothing a processor could guess, and each wrong guess would cost more than the
+/// whole copy. How much room a string has stays the same from answer to answer.
+[[gnu::always_inline]] inline void assign(std::string_view name, std::string* out) {
+  // No string has less room than an empty one; known, this saves a comparison.
+  if (out->capacity() < kShort) __builtin_unreachable();
+  if (out->capacity() < kRoomy) [[likely]] {
+    if (name.size() <= kShort) [[likely]]
+      return overwrite<kShort>(name, out);
+  } else if (name.size() <= kRoomy) [[likely]] {
+    return overwrite<kRoomy>(name, out);
+  }
+  assignLong(name, out);
 }
 
 #else
@@ -46,15 +62,29 @@ void assign(std::string_view name, std::string* out) {
 }  // namespace
 
 void copyNames(const IPNameView& names, IPHumanMessage* msg) {
-  assign(names.country(), &msg->m_country);
-  assign(names.province(), &msg->m_province);
-  assign(names.city(), &msg->m_city);
-  assign(names.district(), &msg->m_district);
-  assign(names.extend(), &msg->m_extend);
-  assign(names.oper(), &msg->m_oper);
-  assign(names.nettype(), &msg->m_nettype);
-  assign(names.apn(), &msg->m_apn);
-  assign(names.flable(), &msg->m_flable);
+  if (names._ends.apart != 0) [[unlikely]] {
+    msg->m_country = names.country();
+    msg->m_province = names.province();
+    msg->m_city = names.city();
+    msg->m_district = names.district();
+    msg->m_extend = names.extend();
+    msg->m_oper = names.oper();
+    msg->m_nettype = names.nettype();
+    msg->m_apn = names.apn();
+    msg->m_flable = names.flable();
+    return;
+  }
+  // Apart from the view, which written text could otherwise change, for all a compiler knows.
+  const char* const text = names._text;
+  assign(names.nameIn<0>(text), &msg->m_country);
+  assign(names.nameIn<1>(text), &msg->m_province);
+  assign(names.nameIn<2>(text), &msg->m_city);
+  assign(names.nameIn<3>(text), &msg->m_district);
+  assign(names.nameIn<4>(text), &msg->m_extend);
+  assign(names.nameIn<5>(text), &msg->m_oper);
+  assign(names.nameIn<6>(text), &msg->m_nettype);
+  assign(names.nameIn<7>(text), &msg->m_apn);
+  assign(names.nameIn<8>(text), &msg->m_flable);
 }
 
 }  // namespace tolvar

@@ -30,7 +30,7 @@ class CodeNames {
   };
 
   /// This many bytes may be read from the first one of every name on, however short it is.
-  static constexpr std::size_t kReadableBytes = 16;
+  static constexpr std::size_t kReadableBytes = 32;
 
   /// Code types: country, province, city, district, extend, oper, nettype, apn.
   static constexpr int kTypes = 8;

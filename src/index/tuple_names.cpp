@@ -7,9 +7,11 @@
 namespace tolvar {
 namespace {
 
-/// Row sizes to choose from, in bytes: a row touches no more cache lines than it has to. In the
-/// largest, every name ends below 256.
+/// Row sizes to choose from, in bytes: a row touches no more cache lines than it has to.
 constexpr std::array<std::size_t, 5> kRowSizes = {32, 64, 128, 192, 256};
+
+/// So long is a text whose ends are told by a byte each.
+constexpr std::uint64_t kLongestText = 255;
 
 /// Of this many tuples, one may have names that do not fit into a row: few enough for the lookups
 /// of popular places, which nobody can tell beforehand, not to take the longer way.
@@ -22,6 +24,10 @@ std::uint64_t textBytes(const Places& places) {
   return bytes;
 }
 
+bool fits(std::uint64_t text, std::size_t rowBytes) noexcept {
+  return text <= std::min<std::uint64_t>(rowBytes, kLongestText);
+}
+
 }  // namespace
 
 TupleNames::TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames> codes)
@@ -30,8 +36,10 @@ TupleNames::TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames
   chooseSize(places);
   // At least a line more, so that the last name is followed by readable bytes too.
   _lines.resize(_tuples * _rowBytes / sizeof(Line) + 2);
+  _ends.reserve(_tuples);
+  _ends.emplace_back();
   char* row = _lines.data()->bytes;
-  for (const Places& names : places) write(names, row += _rowBytes);
+  for (const Places& names : places) _ends.push_back(write(names, row += _rowBytes));
 }
 
 std::vector<TupleNames::Places> TupleNames::findPlaces(const RangeIndex& ranges) const {
@@ -63,8 +71,8 @@ std::vector<TupleNames::Places> TupleNames::findPlaces(const RangeIndex& ranges)
 void TupleNames::chooseSize(const std::vector<Places>& places) {
   std::array<std::size_t, kRowSizes.size()> tooSmall{};
   for (const Places& names : places) {
-    const std::uint64_t need = IPNameView::kTextAt + textBytes(names);
-    for (std::size_t i = 0; i < kRowSizes.size(); ++i) tooSmall[i] += need > kRowSizes[i];
+    const std::uint64_t text = textBytes(names);
+    for (std::size_t i = 0; i < kRowSizes.size(); ++i) tooSmall[i] += !fits(text, kRowSizes[i]);
   }
   const auto chosen = std::find_if(tooSmall.begin(), tooSmall.end() - 1, [&](std::size_t apart) {
     return apart <= _tuples / kApartShare;
@@ -74,20 +82,22 @@ void TupleNames::chooseSize(const std::vector<Places>& places) {
   _apart.reserve(tooSmall[static_cast<std::size_t>(chosen - tooSmall.begin())]);
 }
 
-void TupleNames::write(const Places& places, char* row) {
-  if (IPNameView::kTextAt + textBytes(places) > _rowBytes) {
+IPNameView::Ends TupleNames::write(const Places& places, char* row) {
+  IPNameView::Ends ends;
+  if (!fits(textBytes(places), _rowBytes)) {
     Views& views = _apart.emplace_back();
     for (std::size_t i = 0; i < kNames; ++i) views[i] = _codes->view(places[i]);
-    row[kNames] = 1;
     const std::string_view* const first = views.data();
-    std::memcpy(row + IPNameView::kTextAt, &first, sizeof first);
-    return;
+    std::memcpy(row, &first, sizeof first);
+    ends.apart = 1;
+    return ends;
   }
   std::size_t end = 0;
   for (std::size_t i = 0; i < kNames; ++i) {
-    end += _codes->view(places[i]).copy(row + IPNameView::kTextAt + end, places[i].length);
-    row[i] = static_cast<char>(end);
+    end += _codes->view(places[i]).copy(row + end, places[i].length);
+    ends.of[i] = static_cast<std::uint8_t>(end);
   }
+  return ends;
 }
 
 }  // namespace tolvar

@@ -18,7 +18,8 @@ namespace tolvar {
 /// do not have is empty. The text of a tuple's names lies together in a row, because nine names at
 /// nine places would be nine waits for memory. All rows have the same size, chosen for the table so
 /// that nearly all tuples' text fits; the names of the others are shown where the CodeNames have
-/// them.
+/// them. Where the names end in their rows lies in a table of its own: far smaller than the rows,
+/// it stays nearer to the processor, and row and ends are fetched at the same time.
 ///
 /// Immutable: every operation may be called from any number of threads at once, and none
 /// allocates, locks or calls the operating system.
@@ -35,18 +36,10 @@ class TupleNames {
   /// The names of `tuple`, a number below tupleCount(). Tuple 0 has nine empty ones. Valid as long
   /// as the object.
   IPNameView row(std::uint32_t tuple) const noexcept {
-    return IPNameView(_lines.data()->bytes + std::size_t{tuple} * _rowBytes);
+    return IPNameView(_lines.data()->bytes + std::size_t{tuple} * _rowBytes, _ends[tuple]);
   }
 
   std::size_t tupleCount() const noexcept { return _tuples; }
-
-  /// Bytes of a row.
-  std::size_t rowBytes() const noexcept { return _rowBytes; }
-
-  /// Memory held, in bytes, without the CodeNames.
-  std::size_t memoryBytes() const noexcept {
-    return sizeof *this + _lines.capacity() * sizeof(Line) + _apart.capacity() * sizeof(Views);
-  }
 
  private:
   struct alignas(64) Line {
@@ -61,12 +54,13 @@ class TupleNames {
   /// Of all tuples but 0, in order.
   std::vector<Places> findPlaces(const RangeIndex& ranges) const;
   void chooseSize(const std::vector<Places>& places);
-  void write(const Places& places, char* row);
+  IPNameView::Ends write(const Places& places, char* row);
 
   std::shared_ptr<const CodeNames> _codes;
   std::size_t _tuples;
   std::size_t _rowBytes = 0;
-  std::vector<Line, qel::HugePageAllocator<Line>> _lines;
+  std::vector<Line, qel::HugePageAllocator<Line>> _lines;  ///< the rows
+  std::vector<IPNameView::Ends, qel::HugePageAllocator<IPNameView::Ends>> _ends;
   std::vector<Views> _apart;  ///< names of the tuples whose text does not fit
 };
 
