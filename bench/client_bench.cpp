@@ -1,8 +1,8 @@
 #include <cstring>
-#include <exception>
 
 #include "bench/cases.h"
 #include "bench/support/geoip_table.h"
+#include "bench/support/run_main.h"
 #include "bench/support/synthetic_table.h"
 
 /// Compares a client, as a host uses it, with other ways to answer the same questions about the
@@ -73,10 +73,5 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "client_bench: %s\n", error.what());
-    return 1;
-  }
+  return tolvar_bench::runMain("client_bench", [&] { return run(argc, argv); });
 }

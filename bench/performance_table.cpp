@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -9,6 +8,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "bench/support/run_main.h"
 
 /// Turns the JSON output of client_bench runs, given as files, into docs/performance.md on standard
 /// output: times, ratios, and which of the goals they meet.
@@ -256,10 +257,5 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& error) {
-    std::cerr << "performance_table: " << error.what() << "\n";
-    return 1;
-  }
+  return tolvar_bench::runMain("performance_table", [&] { return run(argc, argv); });
 }

@@ -45,7 +45,7 @@ void replaceUntil(const std::stop_token& stop, Scene& scene, std::uint64_t* repl
   tolvar::ClientInternals::CodeMaps maps;
   for (int k = 0; k < 8; ++k) maps[k] = access.codeQueryMap(k);
   while (!stop.stop_requested()) {
-    access.internals().publishAll(scene.table(), maps);
+    access.publishAll(scene.table(), maps);
     ++*replacements;
   }
 }

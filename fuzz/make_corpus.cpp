@@ -9,18 +9,14 @@
 #include <filesystem>
 #include <fstream>
 
+#include "fuzz/encoding_of.h"
 #include "tests/src/small_segment.h"
 
 namespace {
 
-std::filesystem::path directory;
+using tolvar_fuzz::encodingOf;
 
-template <class Record>
-std::string encodingOf(const Record& record) {
-  ravel::VekOutputStream<ravel::BufferWriter> out;
-  record.writeTo(out);
-  return std::string(out.getBuffer(), out.getLength());
-}
+std::filesystem::path directory;
 
 ravel::IPAttribute range(std::uint32_t start, std::int64_t place) {
   ravel::IPAttribute made;

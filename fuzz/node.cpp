@@ -6,11 +6,15 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz/encoding_of.h"
 #include "fuzz/require.h"
 #include "src/image_codec.h"
 #include "src/range_codec.h"
+#include "tests/support/range_records.h"
 
 namespace {
+
+using tolvar_fuzz::encodingOf;
 
 /// A vector of one node, in a block of exactly its size.
 template <class Node>
@@ -69,15 +73,8 @@ void roundTrip(const MemNode& node, bool* parsed) {
   FUZZ_REQUIRE(std::memcmp(again.m_buffer, third.m_buffer, sizeof again.m_buffer) == 0);
 }
 
-/// The encoding of a record; a code entry's may be longer than a node.
-template <class Record>
-std::string encodingOf(const Record& record) {
-  ravel::VekOutputStream<ravel::BufferWriter> out;
-  record.writeTo(out);
-  return std::string(out.getBuffer(), out.getLength());
-}
 std::string encodingOf(const ravel::IPProperty& record) {
-  return encodingOf(tolvar::toAttribute(record));
+  return tolvar_fuzz::encodingOf(tolvar_test::attributeOf(record));
 }
 
 /// The short way from a node to a record must come to the same as the long one.
@@ -96,7 +93,7 @@ void compareEncoders(const MemNode& slot) {
   ravel::IPProperty range;
   if (!decodes([&] { tolvar::decodeNode(slot, &range); })) return;
   MemNode expected, written = slot;
-  expected.CopyFrom(tolvar::toAttribute(range));
+  expected.CopyFrom(tolvar_test::attributeOf(range));
   tolvar::encodeRange(range, &written);
   FUZZ_REQUIRE(std::memcmp(written.m_buffer, expected.m_buffer, sizeof written.m_buffer) == 0);
 }
@@ -116,7 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   bool parsed = false;
   roundTrip<ravel::IPAttribute>(node, &parsed);
   const OneNode<MemNode_IPAttribute> ranges(node);
-  FUZZ_REQUIRE(decodes([&] { tolvar::decodeRanges(ranges.vector()); }) ==
+  FUZZ_REQUIRE(decodes([&] { tolvar::decodeTable(ranges.vector()); }) ==
                (parsed && !claimsTooMuch));
   roundTrip<ravel::CodeInfo>(node, &parsed);
   const OneNode<MemNode_CodeInfo> codes(node);

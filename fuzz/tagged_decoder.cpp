@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "fuzz/encoding_of.h"
 #include "fuzz/require.h"
 #include "fuzz/tight_bytes.h"
 #include "records/records.h"
@@ -14,15 +15,8 @@
 
 namespace {
 
+using tolvar_fuzz::encodingOf;
 using tolvar_fuzz::TightBytes;
-using Writer = qel::VekOutputStream<qel::BufferWriter>;
-
-template <class Record>
-std::string encodingOf(const Record& record) {
-  Writer out;
-  record.writeTo(out);
-  return std::string(out.getBuffer(), out.getLength());
-}
 
 template <class Record>
 void roundTrip(const TightBytes& input) {

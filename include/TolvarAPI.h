@@ -32,6 +32,7 @@
 namespace tolvar {
 struct ClientInternals;
 class RetryBackoff;
+enum class Step;
 struct ImageRecords;
 struct LookupSnapshot;
 class ClientTestAccess;
@@ -50,7 +51,12 @@ struct TolvarStatus {
   std::uint64_t publications = 0;   ///< downloads written into both segments
   std::time_t lastCheck = 0;        ///< wall time of the last answered change check, 0 before it
   std::time_t lastPublished = 0;    ///< wall time at which this process last took over a table
-  std::string lastError;            ///< text of the last failure of an update step, empty if none
+  /// Something failed and has not succeeded since: the start, its configuration or shared memory, a
+  /// change check, the download, the code tables. The client tries all but the start again.
+  bool failing = false;
+  /// Text of the last failure, of one that goes on if any does; kept when it is over. Empty: none.
+  std::string lastError;
+  std::time_t lastErrorAt = 0;  ///< wall time of that failure, 0 if none
 };
 
 /// One version of all tables, held for as long as the object lives: many lookups then agree with
@@ -256,14 +262,14 @@ class TolvarAPI : public qel::ZU_Thread,
   bool gatherPage(ravel::downloadInfo& page, std::uint64_t maxIndex);
   void makeRoom(std::size_t ranges, std::uint64_t left);
   void finishDownload();
-  void retryLater(tolvar::RetryBackoff& retry, const char* step, const char* what);
-  void noteError(const char* step, const char* what) noexcept;
+  void retryLater(tolvar::RetryBackoff& retry, tolvar::Step step, const char* what);
+  void noteError(tolvar::Step step, const char* what) noexcept;
+  void noteSuccess(tolvar::Step step) noexcept;
   void takeDigest(const std::string& digest, std::size_t ranges);
   void beginPublication(int target, std::uint32_t MemoryHead::*half);
   void setHalf(int shm_index, std::uint32_t MemoryHead::*half, MemoryStatus status);
   void setPending(int shm_index);
   void mirrorImage(int from, int to);
-  std::string writeRanges(int target);
   std::string writeTable(int target, const ravel::vIPProperty& ranges);
   void takeOverUnshared(std::size_t count);
   void takeOverTable(int target, const std::string& digest);

@@ -28,6 +28,7 @@ int openSemaphore(key_t key) {
 
 bool InterprocessLock::acquire(key_t key, int milliseconds) {
   release();
+  if (held() && _key == key && openSemaphore(key) == _id) return true;
   const std::int64_t deadline = systemClock().steadyMillis() + milliseconds;
   for (;;) {
     const int id = openSemaphore(key);
@@ -41,6 +42,7 @@ bool InterprocessLock::acquire(key_t key, int milliseconds) {
     sembuf take[2] = {{0, 0, 0}, {0, 1, SEM_UNDO}};
     if (systemCalls().semtimedop(id, take, 2, &limit) == 0) {
       _id = id;
+      _key = key;
       _process = getpid();
       return true;
     }

@@ -18,7 +18,8 @@ class InterprocessLock {
 
   /// Waits up to `milliseconds` for the semaphore behind `key`, which is made (mode 0660) when
   /// there is none; one that is removed meanwhile is made again. Answers false when the time ran
-  /// out. Throws ZU_Exception when the system refuses the semaphore.
+  /// out, and true at once when this object could not give that very lock back before. Throws
+  /// ZU_Exception when the system refuses the semaphore.
   bool acquire(key_t key, int milliseconds);
 
   /// Gives the lock back; does nothing when it is not held, or was taken by the process that this
@@ -29,6 +30,7 @@ class InterprocessLock {
 
  private:
   int _id = -1;        ///< of the semaphore set while held
+  key_t _key = 0;      ///< behind which it was found
   pid_t _process = 0;  ///< that took it
 };
 

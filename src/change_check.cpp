@@ -50,6 +50,7 @@ bool TolvarAPI::checkChange() {
       TOLVAR_LOG(kLogWarn, 782, "server net over flow! please retry after a while.");
       m_isTotalDownLoading = false;
       m_isCheckingCode = false;
+      noteSuccess(tolvar::Step::ChangeCheck);
       return false;
     }
     if (m_isReset != 0) {
@@ -68,15 +69,22 @@ bool TolvarAPI::checkChange() {
       TOLVAR_LOG(kLogInfo, 814,
                  "clientConf update=" << m_client_conf.getQueryData()->conf.confVersion);
     }
+    if (bRet) {
+      noteSuccess(tolvar::Step::ChangeCheck);
+      // The service has no newer one, or gave it just now.
+      noteSuccess(tolvar::Step::Configuration);
+      // The table held is the service's, so there is nothing left to download.
+      if (m_isReset == 0) noteSuccess(tolvar::Step::Download);
+    }
   } catch (const qel::ZU_Exception& error) {
     TOLVAR_LOG(kLogError, 831, "catch qel exception: " << error.what());
-    noteError("change check", error.what());
+    noteError(tolvar::Step::ChangeCheck, error.what());
   } catch (const std::exception& error) {
     TOLVAR_LOG(kLogError, 836, "catch  std exception:" << error.what());
-    noteError("change check", error.what());
+    noteError(tolvar::Step::ChangeCheck, error.what());
   } catch (...) {
     TOLVAR_LOG(kLogError, 841, "UNKOWN EX:");
-    noteError("change check", "unknown failure");
+    noteError(tolvar::Step::ChangeCheck, "unknown failure");
   }
   return bRet;
 }

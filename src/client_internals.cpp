@@ -51,11 +51,6 @@ void ClientInternals::buildAll(const ravel::vIPProperty& ranges,
   built = LookupSnapshot::make(indexOf(ranges), std::move(names));
 }
 
-void ClientInternals::publishAll(const ravel::vIPProperty& ranges, const CodeMaps& maps) {
-  buildAll(ranges, std::make_shared<const CodeNames>(maps));
-  publishBuilt(ranges.size(), maps);
-}
-
 void ClientInternals::publishBuilt(std::size_t ranges, const CodeMaps& maps) {
   tables.publish(std::move(built));
   std::lock_guard<std::mutex> hold(statusMutex);

@@ -16,6 +16,7 @@
 #include "src/index/lookup_snapshot.h"
 #include "src/index/snapshot_holder.h"
 #include "src/retry_backoff.h"
+#include "src/step_errors.h"
 
 namespace tolvar {
 
@@ -55,8 +56,6 @@ struct ClientInternals {
   void buildAll(const ravel::vIPProperty& ranges, std::shared_ptr<const CodeNames> names);
   /// Publishes what buildAll made of `ranges` ranges and the names of `maps`.
   void publishBuilt(std::size_t ranges, const CodeMaps& maps);
-  /// Both in one.
-  void publishAll(const ravel::vIPProperty& ranges, const CodeMaps& maps);
 
   void noteDigest(const std::string& digest);
 
@@ -115,9 +114,10 @@ struct ClientInternals {
   /// its copy, and after one that failed.
   bool imagesInSync = true;
 
-  /// Guards `status`; taken after the client's monitor when both are held.
+  /// Guards `status` and `errors`; taken after the client's monitor when both are held.
   mutable std::mutex statusMutex;
-  TolvarStatus status;
+  TolvarStatus status;  ///< but for what `errors` knows
+  StepErrors errors;
 };
 
 }  // namespace tolvar

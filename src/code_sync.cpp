@@ -64,16 +64,17 @@ bool TolvarAPI::checkCodeChangeRequest() {
       mirrorImage(target, other);
     }
     m_internals->codeRetry.succeeded();
+    noteSuccess(tolvar::Step::CodeTables);
     m_isCheckingCode = false;
   } catch (const qel::ZU_Exception& error) {
     TOLVAR_LOG(kLogError, __LINE__, "catch qel exception: " << error.what());
-    retryLater(m_internals->codeRetry, "code tables", error.what());
+    retryLater(m_internals->codeRetry, tolvar::Step::CodeTables, error.what());
   } catch (const std::exception& error) {
     TOLVAR_LOG(kLogError, __LINE__, "catch std exception:" << error.what());
-    retryLater(m_internals->codeRetry, "code tables", error.what());
+    retryLater(m_internals->codeRetry, tolvar::Step::CodeTables, error.what());
   } catch (...) {
     TOLVAR_LOG(kLogError, __LINE__, "UNKOWN EX:");
-    retryLater(m_internals->codeRetry, "code tables", "unknown failure");
+    retryLater(m_internals->codeRetry, tolvar::Step::CodeTables, "unknown failure");
   }
   return true;
 }

@@ -52,13 +52,13 @@ bool TolvarAPI::totalDownloadRequest() {
     if (gatherPage(page, cursorOf(page.highMaxIndex, page.lowMaxIndex))) finishDownload();
   } catch (const qel::ZU_Exception& error) {
     TOLVAR_LOG(kLogError, 957, "catch qel exception: " << error.what());
-    retryLater(m_internals->downloadRetry, "download", error.what());
+    retryLater(m_internals->downloadRetry, tolvar::Step::Download, error.what());
   } catch (const std::exception& error) {
     TOLVAR_LOG(kLogError, 962, "catch  std exception:" << error.what());
-    retryLater(m_internals->downloadRetry, "download", error.what());
+    retryLater(m_internals->downloadRetry, tolvar::Step::Download, error.what());
   } catch (...) {
     TOLVAR_LOG(kLogError, 967, "UNKOWN EX:");
-    retryLater(m_internals->downloadRetry, "download", "unknown failure");
+    retryLater(m_internals->downloadRetry, tolvar::Step::Download, "unknown failure");
   }
   return true;
 }
@@ -110,7 +110,8 @@ bool TolvarAPI::gatherPage(ravel::downloadInfo& page, std::uint64_t maxIndex) {
     m_internals->downloadRetry.succeeded();
     m_currDownloadPos = reached;
   } else if (reached < maxIndex) {
-    retryLater(m_internals->downloadRetry, "download", "a page did not advance the position");
+    retryLater(m_internals->downloadRetry, tolvar::Step::Download,
+               "a page did not advance the position");
   }
   return reached >= maxIndex;
 }
@@ -137,4 +138,5 @@ void TolvarAPI::finishDownload() {
   m_internals->status.downloadMillis = gathered - m_internals->downloadArmedSteady;
   m_internals->status.publishMillis = m_internals->clock.steadyMillis() - gathered;
   ++m_internals->status.publications;
+  m_internals->errors.succeeded(tolvar::Step::Download);
 }

@@ -24,33 +24,6 @@ void decodeSome(const MemVector<Node>& nodes, std::size_t begin, std::size_t end
   }
 }
 
-template <class Record, class Node>
-std::vector<Record> decodeAll(const MemVector<Node>& nodes) {
-  std::vector<Record> records(nodes.getMaxIndex());
-  decodeSome(nodes, 0, records.size(), records.data());
-  return records;
-}
-
-template <class Record, class Node>
-void appendEncoded(const Record& record, MemVector<Node>* nodes) {
-  ravel::VekOutputStream<ravel::BufferWriter> encoded;
-  record.writeTo(encoded);
-  if (!MemNode::fits(encoded)) {
-    throw memVectorException("the encoding has " + std::to_string(encoded.getLength()) +
-                             " bytes, a node holds " + std::to_string(MemNode::kRoom));
-  }
-  Node node;
-  node.InnerCopyFrom(encoded);
-  nodes->writeData(node);
-}
-
-template <class Range>
-std::string digestOf(std::span<const Range> ranges) {
-  ContentDigest digest;
-  for (const Range& range : ranges) digest.add(range);
-  return digest.finish();
-}
-
 }  // namespace
 
 template <class Range>
@@ -72,28 +45,14 @@ std::string ContentDigest::finish() {
   return _md5.finishHex();
 }
 
-std::string contentDigest(std::span<const ravel::IPAttribute> ranges) { return digestOf(ranges); }
-std::string contentDigest(std::span<const ravel::IPProperty> ranges) { return digestOf(ranges); }
+std::string contentDigest(std::span<const ravel::IPProperty> ranges) {
+  ContentDigest digest;
+  for (const ravel::IPProperty& range : ranges) digest.add(range);
+  return digest.finish();
+}
 
 void sortTable(ravel::vIPProperty* ranges) {
   if (!std::is_sorted(ranges->begin(), ranges->end())) std::sort(ranges->begin(), ranges->end());
-}
-
-ravel::IPAttribute toAttribute(const ravel::IPProperty& range) noexcept {
-  ravel::IPAttribute attribute;
-  attribute.startIP = range.startIP;
-  attribute.endIP = range.endIP;
-  attribute.place = range.place;
-  attribute.extend = range.extend;
-  attribute.oper = range.oper;
-  attribute.nettype = range.nettype;
-  attribute.apn = range.apn;
-  attribute.flable = range.flable;
-  return attribute;
-}
-
-std::vector<ravel::IPAttribute> decodeRanges(const IPVector& nodes) {
-  return decodeAll<ravel::IPAttribute>(nodes);
 }
 
 ravel::vIPProperty decodeTable(const IPVector& nodes) {
@@ -111,11 +70,22 @@ ravel::vIPProperty decodeTable(const IPVector& nodes) {
 }
 
 std::vector<ravel::CodeInfo> decodeCodes(const CodeVector& nodes) {
-  return decodeAll<ravel::CodeInfo>(nodes);
+  std::vector<ravel::CodeInfo> codes(nodes.getMaxIndex());
+  decodeSome(nodes, 0, codes.size(), codes.data());
+  return codes;
 }
 
-void appendNode(const ravel::IPAttribute& record, IPVector* nodes) { appendEncoded(record, nodes); }
-void appendNode(const ravel::CodeInfo& record, CodeVector* nodes) { appendEncoded(record, nodes); }
+void appendNode(const ravel::CodeInfo& record, CodeVector* nodes) {
+  ravel::VekOutputStream<ravel::BufferWriter> encoded;
+  record.writeTo(encoded);
+  if (!MemNode::fits(encoded)) {
+    throw memVectorException("the encoding has " + std::to_string(encoded.getLength()) +
+                             " bytes, a node holds " + std::to_string(MemNode::kRoom));
+  }
+  MemNode_CodeInfo node;
+  node.InnerCopyFrom(encoded);
+  nodes->writeData(node);
+}
 
 CodeMap codeMapOf(std::vector<ravel::CodeInfo> codes) {
   CodeMap map;

@@ -35,10 +35,7 @@ class ContentDigest {
   qel::ZU_MD5 _md5;
 };
 
-std::string contentDigest(std::span<const ravel::IPAttribute> ranges);
 std::string contentDigest(std::span<const ravel::IPProperty> ranges);
-
-ravel::IPAttribute toAttribute(const ravel::IPProperty& range) noexcept;
 
 /// Entries by id; of several with the same id the last one.
 using CodeMap = std::unordered_map<std::uint64_t, ravel::CodeInfo>;
@@ -54,13 +51,11 @@ void sortTable(ravel::vIPProperty* ranges);
 
 /// Every node written, in node order. Throws qel::VekDecodeException or memVectorException at the
 /// first that is no such record.
-std::vector<ravel::IPAttribute> decodeRanges(const IPVector& nodes);
 ravel::vIPProperty decodeTable(const IPVector& nodes);
 std::vector<ravel::CodeInfo> decodeCodes(const CodeVector& nodes);
 
 /// Appends the record as a node. Throws memVectorException, and leaves the vector as it was, when
 /// the vector is full or the encoding does not fit a node.
-void appendNode(const ravel::IPAttribute& record, IPVector* nodes);
 void appendNode(const ravel::CodeInfo& record, CodeVector* nodes);
 
 CodeMap codeMapOf(std::vector<ravel::CodeInfo> codes);

@@ -55,6 +55,7 @@ bool TolvarAPI::lockImage() {
 
 bool TolvarAPI::lockImageForStart() {
   if (acquireImageLock(m_internals->starterLockMillis)) return true;
+  noteError(tolvar::Step::ShareMemory, "another process holds its lock");
   TOLVAR_LOG(kLogError, __LINE__,
              "another process has held the lock of the share memory for "
                  << m_internals->starterLockMillis

@@ -122,7 +122,9 @@ TolvarStatus TolvarAPI::status() const {
   } else {
     hold.lock();
   }
-  return m_internals->status;
+  TolvarStatus status = m_internals->status;
+  m_internals->errors.show(&status);
+  return status;
 }
 
 bool TolvarAPI::initialize(const TolvarAPIOptions& options) {
@@ -177,12 +179,13 @@ bool TolvarAPI::initializeAll(qel::Communicator* comm, const std::string& ip_ser
     InitializeShareMemory(keys[0], keys[1], keys[2]);
     if (m_internals->destroying) return false;
     start();
+    noteSuccess(tolvar::Step::Initialize);
     return awaitReadiness();
   } catch (const std::exception& error) {
-    noteError("initialize", error.what());
+    noteError(tolvar::Step::Initialize, error.what());
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception:" << error.what());
   } catch (...) {
-    noteError("initialize", "unknown failure");
+    noteError(tolvar::Step::Initialize, "unknown failure");
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception.");
   }
   return false;
@@ -236,10 +239,12 @@ void TolvarAPI::loadClientConf() {
   // failure leaves the default configuration in place and the readiness wait decides.
   try {
     installClientConf();
+    noteSuccess(tolvar::Step::Configuration);
   } catch (const std::exception& error) {
-    noteError("configuration", error.what());
+    noteError(tolvar::Step::Configuration, error.what());
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception:" << error.what());
   } catch (...) {
+    noteError(tolvar::Step::Configuration, "unknown failure");
     TOLVAR_LIFECYCLE_LOG(kLogError, "initialize exception.");
   }
 }

@@ -21,7 +21,7 @@ void TolvarAPI::totalWriteData2Shm() {
   m_tBegin = m_internals->clock.timeOfDay();
   setHalf(target, &MemoryHead::ip_usable, kMemoryStatusPending);
   tolvar::SideTask index([this] { m_internals->buildRanges(m_vIPProperty); });
-  const std::string digest = writeRanges(target);
+  const std::string digest = writeTable(target, m_vIPProperty);
   // Built before anything is announced: when memory runs out here, the old table keeps answering.
   index.finish();
   setHalf(target, &MemoryHead::ip_usable, kMemoryStatusReady);
@@ -38,8 +38,6 @@ void TolvarAPI::totalWriteData2Shm() {
                                                            << m_vectorIP->getMaxIndex()
                                                            << ", clt_md5=" << m_cltMd5);
 }
-
-std::string TolvarAPI::writeRanges(int target) { return writeTable(target, m_vIPProperty); }
 
 /// Writes ranges over whatever the target's vector held; answers their digest.
 std::string TolvarAPI::writeTable(int target, const ravel::vIPProperty& ranges) {

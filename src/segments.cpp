@@ -103,6 +103,7 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
   int ready = -1;
   tolvar::ImageRecords image;
   if (!m_internals->unshared) attachForStart(&ready, &image);
+  if (!m_internals->unshared) noteSuccess(tolvar::Step::ShareMemory);
   // Whatever the other segment holds, it need not be the image chosen here.
   m_internals->imagesInSync = ready < 0;
 

@@ -30,7 +30,7 @@ void TolvarAPI::attachForStart(int* ready, tolvar::ImageRecords* image) {
   } catch (const qel::ZU_Exception& error) {
     if (!isWant(error)) throw;
     m_internals->unshared = true;
-    noteError("share memory", error.what());
+    noteError(tolvar::Step::ShareMemory, error.what());
     TOLVAR_LOG(kLogError, __LINE__,
                "no share memory to be had, the tables stay in this process until a publication "
                "finds some: "
@@ -51,12 +51,14 @@ bool TolvarAPI::attachLate() {
   } catch (const std::exception& error) {
     forgetSegments();
     m_internals->imageLock.release();
+    noteError(tolvar::Step::ShareMemory, error.what());
     TOLVAR_LOG(
         kLogError, __LINE__,
         "still no share memory to be had, the tables stay in this process: " << error.what());
     return false;
   }
   m_internals->unshared = false;
+  noteSuccess(tolvar::Step::ShareMemory);
   TOLVAR_LOG(kLogInfo, __LINE__, "share memory is attached, the tables are shared from now on.");
   return true;
 }

@@ -33,18 +33,18 @@ void TolvarAPI::run() {
   notifyAll();
 }
 
-/// Called where a failure is being dealt with, so it lets none of its own out.
-void TolvarAPI::noteError(const char* step, const char* what) noexcept {
+void TolvarAPI::noteError(tolvar::Step step, const char* what) noexcept {
+  const std::time_t now = m_internals->clock.time();
   std::lock_guard<std::mutex> hold(m_internals->statusMutex);
-  std::string& last = m_internals->status.lastError;
-  try {
-    last.assign(step).append(": ").append(what);
-  } catch (const std::bad_alloc&) {
-    last.assign("no memory");  // short enough for the string object itself
-  }
+  m_internals->errors.failed(step, what, now);
 }
 
-void TolvarAPI::retryLater(tolvar::RetryBackoff& retry, const char* step, const char* what) {
+void TolvarAPI::noteSuccess(tolvar::Step step) noexcept {
+  std::lock_guard<std::mutex> hold(m_internals->statusMutex);
+  m_internals->errors.succeeded(step);
+}
+
+void TolvarAPI::retryLater(tolvar::RetryBackoff& retry, tolvar::Step step, const char* what) {
   noteError(step, what);
   const int delay = retry.failed();
   if (delay == 0) return;

@@ -4,8 +4,9 @@
 #include <sys/shm.h>
 
 #include <stdexcept>
+#include <utility>
 
-#include "tests/crash/plant.h"
+#include "tests/support/plant.h"
 #include "tests/support/raw_image.h"
 
 namespace tolvar_test {
@@ -85,6 +86,26 @@ bool outsideVectors(std::string_view what) {
   return what != "node" && !what.starts_with("vector ");
 }
 
+/// A segment, and what is done to it.
+using Damage = std::pair<int, void (*)(const ShmKeys&, int)>;
+
+/// A start that finds one segment damaged, and goes on with the other; or both, and lays them anew.
+CrashScenario repair(const char* name, void (*plant)(const ShmKeys&),
+                     const std::vector<Damage>& damages) {
+  const bool oneIsWhole = damages.size() == 1;
+  return {.name = name,
+          .prepare =
+              [plant, damages](const ShmKeys& keys) {
+                plant(keys);
+                for (const auto& [segment, damage] : damages) damage(keys, segment);
+              },
+          .act = start,
+          .versions = oneIsWhole ? std::vector<Version>{kOld} : std::vector<Version>{},
+          .staysReady = oneIsWhole,
+          .stride = 5,
+          .undamaged = false};
+}
+
 std::vector<CrashScenario> all() {
   const auto publishNew = [](const ShmKeys& keys) { startAndPublish(keys, kNew); };
   const auto publishLarge = [](const ShmKeys& keys) { startAndPublish(keys, kLarge); };
@@ -124,62 +145,11 @@ std::vector<CrashScenario> all() {
        5,
        outsideVectors},
       {"InitialLaying", [](const ShmKeys&) {}, start, {}, false, 5},
-      {"RepairOfTheFirstSegment",
-       [](const ShmKeys& keys) {
-         plantOldInFullSize(keys);
-         damageMark(keys, 0);
-       },
-       start,
-       {kOld},
-       true,
-       5,
-       everyPoint,
-       false},
-      {"RepairOfTheSecondSegment",
-       [](const ShmKeys& keys) {
-         plantOldInFullSize(keys);
-         damageMark(keys, 1);
-       },
-       start,
-       {kOld},
-       true,
-       5,
-       everyPoint,
-       false},
-      {"RepairOfARange",
-       [](const ShmKeys& keys) {
-         plantOldInFullSize(keys);
-         damageRange(keys, 0);
-       },
-       start,
-       {kOld},
-       true,
-       5,
-       everyPoint,
-       false},
-      {"RepairOfASmallSegment",
-       [](const ShmKeys& keys) {
-         plantOld(keys);
-         damageMark(keys, 0);
-       },
-       start,
-       {kOld},
-       true,
-       5,
-       everyPoint,
-       false},
-      {"RepairOfBothSegments",
-       [](const ShmKeys& keys) {
-         plantOldInFullSize(keys);
-         damageMark(keys, 0);
-         damageRange(keys, 1);
-       },
-       start,
-       {},
-       false,
-       5,
-       everyPoint,
-       false},
+      repair("RepairOfTheFirstSegment", plantOldInFullSize, {{0, damageMark}}),
+      repair("RepairOfTheSecondSegment", plantOldInFullSize, {{1, damageMark}}),
+      repair("RepairOfARange", plantOldInFullSize, {{0, damageRange}}),
+      repair("RepairOfASmallSegment", plantOld, {{0, damageMark}}),
+      repair("RepairOfBothSegments", plantOldInFullSize, {{0, damageMark}, {1, damageRange}}),
       {"PublicationOntoRemovedSegments",
        plantOldInFullSize,
        publishAfterRemoval,

@@ -12,9 +12,7 @@ ProcessFigures figuresOf(pid_t process) {
   const std::string folder = "/proc/" + std::to_string(process);
   std::ifstream status(folder + "/status");
   for (std::string line; std::getline(status, line);) {
-    if (line.rfind("RssAnon:", 0) != 0) continue;
-    figures.privateKib = std::stoul(line.substr(8));
-    figures.alive = true;  // a process that has ended has no memory
+    if (line.rfind("RssAnon:", 0) == 0) figures.privateKib = std::stoul(line.substr(8));
   }
   std::error_code ended;
   for (std::filesystem::directory_iterator each(folder + "/fd", ended), end; !ended && each != end;

@@ -17,7 +17,6 @@ inline constexpr std::size_t kFlatMemoryKib = 4 * 1024;
 
 /// What a process takes up, from /proc.
 struct ProcessFigures {
-  bool alive = false;
   std::size_t privateKib = 0;  ///< resident memory that is not shared or a file's, KiB
   std::size_t descriptors = 0;
   std::set<unsigned long> segments;  ///< System V segments mapped, by identifier

@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "tests/crash/answer_check.h"
-#include "tests/crash/plant.h"
 #include "tests/crash/process_figures.h"
 #include "tests/crash/whole_image.h"
 #include "tests/src/update/scene.h"
+#include "tests/support/plant.h"
 #include "tools/tolvar/paced_clock.h"
 
 namespace tolvar_test {

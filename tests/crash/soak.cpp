@@ -7,6 +7,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "tests/crash/soak_supervisor.h"
 
@@ -27,40 +28,6 @@ constexpr const char* kUsage =
     "\n"
     "Exits with 0 when nothing was wrong, 1 when something was, 2 for options it does not know.\n";
 
-enum Option {
-  kMinutes = 256,
-  kKills,
-  kProcesses,
-  kPublish,
-  kKill,
-  kSeed,
-  kSmall,
-  kVerbose,
-  kHelp,
-  kWorker,
-  kLine,
-  kKey,
-  kControl
-};
-
-constexpr option kOptions[] = {
-    {"minutes", required_argument, nullptr, kMinutes},
-    {"kills", required_argument, nullptr, kKills},
-    {"processes", required_argument, nullptr, kProcesses},
-    {"publish-every", required_argument, nullptr, kPublish},
-    {"kill-every", required_argument, nullptr, kKill},
-    {"seed", required_argument, nullptr, kSeed},
-    {"small", no_argument, nullptr, kSmall},
-    {"verbose", no_argument, nullptr, kVerbose},
-    {"help", no_argument, nullptr, kHelp},
-    // How the program calls itself for one process.
-    {"worker", required_argument, nullptr, kWorker},
-    {"line", required_argument, nullptr, kLine},
-    {"key", required_argument, nullptr, kKey},
-    {"control", required_argument, nullptr, kControl},
-    {nullptr, 0, nullptr, 0},
-};
-
 struct Arguments {
   tolvar_test::SoakOptions soak;
   tolvar_test::SoakWorkerOptions worker;
@@ -68,50 +35,70 @@ struct Arguments {
   bool help = false;
 };
 
-double numberOf(const char* text, double least, double most) {
+template <class Number>
+Number numberOf(const char* text, double least, double most) {
   char* end = nullptr;
   const double value = std::strtod(text, &end);
   if (end == text || *end != '\0' || !(value >= least) || !(value <= most))
     throw std::invalid_argument("\"" + std::string(text) + "\" is no number that fits");
-  return value;
+  return static_cast<Number>(value);
 }
 
-void take(int which, const char* value, Arguments* arguments) {
-  tolvar_test::SoakOptions& soak = arguments->soak;
-  switch (which) {
-    case kMinutes:
-      soak.millis = static_cast<std::int64_t>(numberOf(value, 0.01, 1e5) * 60000);
-      break;
-    case kKills: soak.kills = static_cast<int>(numberOf(value, 1, 1e8)); break;
-    case kProcesses: soak.processes = static_cast<int>(numberOf(value, 1, 64)); break;
-    case kPublish:
-      arguments->worker.checkMillis = soak.publishMillis =
-          static_cast<int>(numberOf(value, 1, 600000));
-      break;
-    case kKill: soak.killMillis = static_cast<int>(numberOf(value, 1, 1e7)); break;
-    case kSeed: soak.seed = static_cast<std::uint64_t>(numberOf(value, 0, 4294967295.0)); break;
-    case kSmall: soak.small = true; break;
-    case kVerbose: soak.verbose = true; break;
-    case kHelp: arguments->help = true; break;
-    case kWorker:
-      arguments->worker.role = tolvar_test::soakRoleOf(value);
-      arguments->isWorker = true;
-      break;
-    case kLine: arguments->worker.line = static_cast<int>(numberOf(value, 0, 63)); break;
-    case kKey:
-      arguments->worker.firstKey = static_cast<key_t>(numberOf(value, 1, 2147483647));
-      break;
-    case kControl: arguments->worker.controlFile = value; break;
-    default: throw std::invalid_argument("unknown option");
-  }
-}
+struct Option {
+  const char* name;
+  int argument;
+  void (*take)(const char* value, Arguments* arguments);
+};
+
+constexpr Option kOptions[] = {
+    {"minutes", required_argument,
+     [](const char* value, Arguments* to) {
+       to->soak.millis = static_cast<std::int64_t>(numberOf<double>(value, 0.01, 1e5) * 60000);
+     }},
+    {"kills", required_argument,
+     [](const char* value, Arguments* to) { to->soak.kills = numberOf<int>(value, 1, 1e8); }},
+    {"processes", required_argument,
+     [](const char* value, Arguments* to) { to->soak.processes = numberOf<int>(value, 1, 64); }},
+    {"publish-every", required_argument,
+     [](const char* value, Arguments* to) {
+       to->worker.checkMillis = to->soak.publishMillis = numberOf<int>(value, 1, 600000);
+     }},
+    {"kill-every", required_argument,
+     [](const char* value, Arguments* to) { to->soak.killMillis = numberOf<int>(value, 1, 1e7); }},
+    {"seed", required_argument,
+     [](const char* value, Arguments* to) {
+       to->soak.seed = numberOf<std::uint64_t>(value, 0, 4294967295.0);
+     }},
+    {"small", no_argument, [](const char*, Arguments* to) { to->soak.small = true; }},
+    {"verbose", no_argument, [](const char*, Arguments* to) { to->soak.verbose = true; }},
+    {"help", no_argument, [](const char*, Arguments* to) { to->help = true; }},
+    // How the program calls itself for one process.
+    {"worker", required_argument,
+     [](const char* value, Arguments* to) {
+       to->worker.role = tolvar_test::soakRoleOf(value);
+       to->isWorker = true;
+     }},
+    {"line", required_argument,
+     [](const char* value, Arguments* to) { to->worker.line = numberOf<int>(value, 0, 63); }},
+    {"key", required_argument,
+     [](const char* value, Arguments* to) {
+       to->worker.firstKey = numberOf<key_t>(value, 1, 2147483647);
+     }},
+    {"control", required_argument,
+     [](const char* value, Arguments* to) { to->worker.controlFile = value; }},
+};
 
 Arguments parse(int count, char** words) {
   Arguments arguments;
   arguments.soak.seed = std::random_device()();
+  std::vector<option> options;
+  for (const Option& known : kOptions) options.push_back({known.name, known.argument, nullptr, 0});
+  options.push_back({});
   int which = 0;
-  while ((which = getopt_long(count, words, "", kOptions, nullptr)) != -1)
-    take(which, optarg, &arguments);
+  int status = 0;
+  while ((status = getopt_long(count, words, "", options.data(), &which)) == 0)
+    kOptions[which].take(optarg, &arguments);
+  if (status != -1) throw std::invalid_argument("unknown option");
   if (optind != count)
     throw std::invalid_argument("unexpected \"" + std::string(words[optind]) + "\"");
   if (arguments.soak.millis == 0 && arguments.soak.kills == 0) arguments.soak.millis = 60000;

@@ -29,8 +29,7 @@ struct SoakLine {
   std::atomic<std::uint64_t> starts;
   std::atomic<std::uint64_t> failedStarts;
   std::atomic<std::uint64_t> publications;
-  std::atomic<std::uint32_t> newest;  ///< version that the present process answered last
-  char problem[512];                  ///< the first one
+  char problem[512];  ///< the first one
 };
 
 /// What the supervisor and the processes of a soak share: a file that all of them map.

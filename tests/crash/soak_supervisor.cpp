@@ -16,9 +16,9 @@
 #include "platform/clock.h"
 #include "platform/interprocess_lock.h"
 #include "tests/crash/forked.h"
-#include "tests/crash/plant.h"
 #include "tests/crash/whole_image.h"
 #include "tests/src/update/segment_view.h"
+#include "tests/support/plant.h"
 
 namespace tolvar_test {
 namespace {

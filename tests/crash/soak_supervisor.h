@@ -21,8 +21,7 @@ struct SoakOptions {
   int publishMillis = 1000;  ///< between two versions of the service
   int killMillis = 5000;     ///< between two kills, on average
   std::uint64_t seed = 1;
-  bool small =
-      false;  ///< segments of a few megabytes, so that there are more publications a second
+  bool small = false;    ///< segments of a few megabytes: more publications a second
   bool verbose = false;  ///< output of the processes is shown
 };
 

@@ -12,7 +12,7 @@
 
 #include "tests/faults/forked_case.h"
 #include "tests/faults/host_life.h"
-#include "tests/src/update/segment_view.h"
+#include "tests/support/plant.h"
 #include "tests/support/temp_dir.h"
 
 /// What surrounds a host process is at fault: its limits, its directory, its files. Each in a fork

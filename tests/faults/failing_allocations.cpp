@@ -74,7 +74,6 @@ void armAllocations(std::int64_t first, std::int64_t count) {
 
 void healAllocations() { armed = false; }
 bool allocationFailed() { return failed; }
-std::int64_t allocationsSeen() { return seen; }
 void spareThisThread(bool spared) { sparedThread = spared; }
 std::int64_t liveAllocations() { return live; }
 

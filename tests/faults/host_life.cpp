@@ -64,11 +64,30 @@ std::size_t straySegments(const ShmKeys& keys) {
   return found;
 }
 
+/// Threads of this process that are not at their end: the system lists one for a moment after it
+/// has been joined.
+std::size_t liveThreads() {
+  constexpr unsigned long kExiting = 4;  // PF_EXITING of the kernel
+  std::size_t found = 0;
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream in(thread.path() / "stat");
+    std::string line;
+    if (!std::getline(in, line)) continue;
+    // NUMBER (NAME) STATE PARENT GROUP SESSION TERMINAL TERMINAL-GROUP FLAGS ...
+    std::istringstream fields(line.substr(line.rfind(')') + 1));
+    std::string skipped;
+    unsigned long flags = 0;
+    for (int i = 0; i < 6; ++i) fields >> skipped;
+    fields >> flags;
+    if ((flags & kExiting) == 0) ++found;
+  }
+  return found;
+}
+
 }  // namespace
 
 Holdings Holdings::now(const ShmKeys& keys) {
-  return {entriesOf("/proc/self/fd"), mappedLines(), entriesOf("/proc/self/task"),
-          straySegments(keys)};
+  return {entriesOf("/proc/self/fd"), mappedLines(), liveThreads(), straySegments(keys)};
 }
 
 std::string Holdings::moreThan(const Holdings& before) const {

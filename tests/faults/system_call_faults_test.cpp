@@ -6,7 +6,7 @@
 #include "tests/faults/forked_case.h"
 #include "tests/faults/host_life.h"
 #include "tests/faults/injected_calls.h"
-#include "tests/src/update/segment_view.h"
+#include "tests/support/plant.h"
 #include "tests/support/temp_dir.h"
 
 namespace tolvar_test {

@@ -23,7 +23,7 @@ class ClientAllocations : public testing::Test {
       table[i].place = i;
       maps[3][i].content = "a name that no short-string buffer holds";
     }
-    tolvar::ClientTestAccess(client).internals().publishAll(table, maps);
+    tolvar::ClientTestAccess(client).publishAll(table, maps);
     for (std::uint32_t i = 0; i < 500; ++i) {
       ips.push_back(i * 21);  // hits and misses
       texts.push_back("0.0." + std::to_string(ips[i] >> 8) + "." + std::to_string(ips[i] & 255));

@@ -51,7 +51,7 @@ class Differential {
  public:
   explicit Differential(vIPProperty table) : _table(std::move(table)) {
     const tolvar::ClientInternals::CodeMaps none;
-    tolvar::ClientTestAccess(_client).internals().publishAll(_table, none);
+    tolvar::ClientTestAccess(_client).publishAll(_table, none);
   }
 
   const vIPProperty& table() const { return _table; }

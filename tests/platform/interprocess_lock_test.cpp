@@ -18,6 +18,13 @@ namespace {
 using qel::InterprocessLock;
 using tolvar_test::ShmKeys;
 
+/// A system that lets a lock be taken and refuses to give one back.
+int takeOnly(int id, sembuf* operations, size_t count, const timespec* limit) {
+  if (operations[0].sem_op >= 0) return semtimedop(id, operations, count, limit);
+  errno = ENOMEM;
+  return -1;
+}
+
 TEST(InterprocessLock, IsHeldByOneAtATime) {
   const ShmKeys keys;
   InterprocessLock first, second;
@@ -130,6 +137,34 @@ TEST(InterprocessLock, AReleaseThatTheSystemRefusesIsRepeatedBeforeTheNextUse) {
   EXPECT_FALSE(InterprocessLock().acquire(keys.size(), 0));
   lock.release();
   EXPECT_TRUE(InterprocessLock().acquire(keys.size(), 0));
+}
+
+/// A lock that its holder could not give back.
+class StuckLock : public testing::Test {
+ protected:
+  StuckLock() {
+    EXPECT_TRUE(lock.acquire(keys.size(), 0));
+    _guard.calls().semtimedop = takeOnly;
+    lock.release();
+  }
+
+  const ShmKeys keys;
+  InterprocessLock lock;
+
+ private:
+  tolvar_test::SystemCallsGuard _guard;
+};
+
+TEST_F(StuckLock, StaysWithItsHolderWhoMayTakeItAgainAtOnce) {
+  EXPECT_TRUE(lock.held());
+  EXPECT_TRUE(lock.acquire(keys.size(), 0)) << "a lock waits for itself";
+  EXPECT_FALSE(InterprocessLock().acquire(keys.size(), 0));
+}
+
+TEST_F(StuckLock, IsTakenAnewWhenItsSemaphoreWasRemoved) {
+  semctl(semget(keys.size(), 0, 0), 0, IPC_RMID);
+  EXPECT_TRUE(lock.acquire(keys.size(), 0));
+  EXPECT_FALSE(InterprocessLock().acquire(keys.size(), 0));
 }
 
 }  // namespace

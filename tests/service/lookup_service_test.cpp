@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "tests/support/manual_clock.h"
+#include "tests/support/report_count.h"
 
 namespace tolvar::service {
 namespace {
@@ -175,10 +176,7 @@ TEST_F(LookupServiceTest, AnnouncesAnotherConfigurationVersion) {
 }
 
 TEST_F(LookupServiceTest, RemembersReports) {
-  ravel::ReportCount report;
-  report.info.name = "Germany";
-  report.count = 3;
-  service.reportCounts({report}, 1);
+  service.reportCounts({tolvar_test::hits(ravel::ECountry, "Germany", 3)}, 1);
   service.reportLines({"unknown ip:1.2.3.4"}, 2);
   const Usage usage = service.usage();
   ASSERT_EQ(usage.counts.size(), 1u);

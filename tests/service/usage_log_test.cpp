@@ -2,16 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/report_count.h"
+
 namespace tolvar::service {
 namespace {
 
-ravel::ReportCount hits(ravel::ReportType type, const std::string& name, std::uint64_t count) {
-  ravel::ReportCount report;
-  report.info.type = type;
-  report.info.name = name;
-  report.count = count;
-  return report;
-}
+using tolvar_test::hits;
 
 TEST(UsageLog, SumsHitsPerTypeAndName) {
   UsageLog log;

@@ -3,12 +3,14 @@
 #include <gmock/gmock.h>
 
 #include "tests/service_store/store_support.h"
+#include "tests/support/report_count.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using tolvar_test::hits;
 using tolvar_test::kOneRow;
 using tolvar_test::kTwoRows;
 using namespace tolvar::service;
@@ -16,14 +18,6 @@ using namespace tolvar::service;
 constexpr auto kNothingKnown = [](const StoredVersion&) { return false; };
 
 class Store : public testing::Test, public tolvar_test::StoreFixture {};
-
-ravel::ReportCount hits(ravel::ReportType type, const std::string& name, std::uint64_t count) {
-  ravel::ReportCount report;
-  report.info.type = type;
-  report.info.name = name;
-  report.count = count;
-  return report;
-}
 
 TEST_F(Store, AVersionComesBackAsItWasImported) {
   TableStore store = open();

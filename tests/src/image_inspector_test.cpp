@@ -11,6 +11,7 @@
 #include <random>
 
 #include "tests/src/small_segment.h"
+#include "tests/support/range_records.h"
 
 namespace {
 
@@ -42,7 +43,7 @@ TEST(ImageInspector, TellsWhatAWholeSegmentHolds) {
   EXPECT_TRUE(report.ready());
   EXPECT_EQ(report.bytes, segment.bytes.size());
   EXPECT_EQ(report.slack, SmallSegment::kSlack);
-  EXPECT_EQ(report.digest, tolvar::contentDigest(segment.ranges));
+  EXPECT_EQ(report.digest, digestOf(segment.ranges));
   EXPECT_EQ(report.regions[0].nodes, SmallSegment::kRanges);
   EXPECT_EQ(report.regions[0].head._iBlockCount, SmallSegment::kRangeRoom);
   for (std::size_t i = 0; i < report.regions.size(); ++i) {
@@ -162,7 +163,7 @@ TEST(ImageInspector, RangesWithBytesBehindThemStillHaveADigest) {
   SmallSegment segment;
   segment.bytes[segment.node(0, 2) + 100] = 1;
   EXPECT_EQ(inspect(segment).faultCount, 1u);
-  EXPECT_EQ(inspect(segment).digest, tolvar::contentDigest(segment.ranges));
+  EXPECT_EQ(inspect(segment).digest, digestOf(segment.ranges));
 }
 
 TEST(ImageInspector, ACodeEntryInTheWrongTableIsAFault) {
@@ -253,7 +254,7 @@ TEST(ImageInspector, FindsWhateverAStartRefuses) {
       try {
         IPVector ranges;
         CodeVector codes;
-        if (i == 0 && ranges.connect(block)) tolvar::decodeRanges(ranges);
+        if (i == 0 && ranges.connect(block)) tolvar::decodeTable(ranges);
         if (i != 0 && codes.connect(block)) tolvar::decodeCodes(codes);
       } catch (const std::exception&) {
         good = false;

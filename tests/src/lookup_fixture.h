@@ -27,7 +27,7 @@ class LookupTest : public testing::Test {
         entry.content = name;
       }
     }
-    client.access.internals().publishAll(ranges, maps);
+    client.access.publishAll(ranges, maps);
   }
 
   /// Installs a configuration as the update thread does.

@@ -8,6 +8,7 @@
 #include "include/segment_types.h"
 #include "src/image_codec.h"
 #include "src/segment_layout.h"
+#include "tests/support/range_records.h"
 
 namespace tolvar_test {
 
@@ -74,7 +75,7 @@ class SmallSegment {
       range.place = 840001001001 + i;
       range.oper = i;
       ranges.push_back(range);
-      tolvar::appendNode(range, &vector);
+      appendNode(range, &vector);
     }
   }
 

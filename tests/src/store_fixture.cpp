@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <set>
 
-#include "platform/md5.h"
 #include "src/image_codec.h"
+#include "tests/support/range_records.h"
 
 namespace tolvar_test {
 namespace {
@@ -134,7 +134,7 @@ void StoreClient::fill(int segment, const TestTable& table) {
   IPVector& ranges = access.ipVector(segment);
   access.ResizeIpBuffer(segment, table.ranges.size());
   ranges.clear();
-  for (const ravel::IPAttribute& r : table.ranges) tolvar::appendNode(r, &ranges);
+  for (const ravel::IPAttribute& r : table.ranges) appendNode(r, &ranges);
   for (int k = 0; k < 8; ++k) {
     const auto& entries = table.codes[static_cast<std::size_t>(k)];
     access.ResizeCodeBuffer(segment, k, entries.size());
@@ -163,14 +163,7 @@ void publishImage(const ShmKeys& keys, const TestTable& table) {
 testing::AssertionResult answersFrom(StoreClient& client, const TestTable& table) {
   if (client.access.hasInitialized() != 3)
     return testing::AssertionFailure() << "readiness " << client.access.hasInitialized();
-  std::string images;
-  for (const ravel::IPAttribute& r : table.ranges) {
-    const std::uint32_t words[7] = {r.startIP, r.endIP, r.extend, r.oper,
-                                    r.nettype, r.apn,   r.flable};
-    images.append(reinterpret_cast<const char*>(words), sizeof words);
-    images.append(reinterpret_cast<const char*>(&r.place), sizeof r.place);
-  }
-  if (client.access.cltMd5() != qel::ZU_MD5::md5str(images))
+  if (client.access.cltMd5() != digestOf(table.ranges))
     return testing::AssertionFailure() << "digest " << client.access.cltMd5();
   for (const ravel::IPAttribute& r : table.ranges) {
     ravel::IPInfo info;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,9 @@ class ClientTestAccess {
   bool totalDownloadRequest() { return c.totalDownloadRequest(); }
   bool checkCodeChangeRequest() { return c.checkCodeChangeRequest(); }
   void totalWriteData2Shm() { c.totalWriteData2Shm(); }
-  std::string writeRanges(int target) { return c.writeRanges(target); }
+  std::string writeTable(int target, const ravel::vIPProperty& ranges) {
+    return c.writeTable(target, ranges);
+  }
   void CalculateMd5FromShareMemory() { c.CalculateMd5FromShareMemory(); }
   void run() { c.run(); }
 
@@ -78,6 +81,12 @@ class ClientTestAccess {
   }
   bool& destructorWait() { return c.m_destructor_wait; }
   ClientInternals& internals() { return *c.m_internals; }
+
+  /// Makes these what lookups read, without an image: what a start does with what it found in one.
+  void publishAll(const ravel::vIPProperty& ranges, const ClientInternals::CodeMaps& maps) {
+    internals().buildAll(ranges, std::make_shared<const CodeNames>(maps));
+    internals().publishBuilt(ranges.size(), maps);
+  }
 
  private:
   TolvarAPI& c;

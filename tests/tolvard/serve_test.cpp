@@ -4,6 +4,7 @@
 #include <csignal>
 
 #include "platform/exception.h"
+#include "tests/support/report_count.h"
 #include "tests/tolvard/serve_fixture.h"
 
 namespace {
@@ -93,11 +94,7 @@ TEST_F(Serve, ReportsAreStored) {
   import(TOLVAR_SAMPLE);
   TolvardProcess server(database());
   ServiceClient client(server.address());
-  ravel::ReportCount hit;
-  hit.info.type = ravel::ECity;
-  hit.info.name = "Altenhafen";
-  hit.count = 4711;
-  client.main->reportCounts({hit}, 2);
+  client.main->reportCounts({tolvar_test::hits(ravel::ECity, "Altenhafen", 4711)}, 2);
   client.main->reportLines({"192.0.2.1 somewhere"}, 0);
   server.signal(SIGTERM);  // what waits is written at the end
   EXPECT_EQ(server.awaitExit(), 0);

@@ -71,9 +71,10 @@ TEST_F(Watch, ShowsTheStartAndEveryChange) {
   const std::string checked = client.awaitLine("ready=yes");
   EXPECT_GT(fieldOf(checked, "last_check"), fieldOf(up, "last_check"));
   service.signal(SIGKILL);
-  EXPECT_THAT(client.awaitLine("last_error=\""), HasSubstr("change check: "));
+  EXPECT_THAT(client.awaitLine("failing=yes"), HasSubstr("last_error=\"change check: "));
   importText(rows(7, "Funk"));
   const TolvardProcess again(database(), {}, service.address());
+  EXPECT_THAT(client.awaitLine("failing=no"), HasSubstr("last_error=\"change check: "));
   awaitDigest(client, newestDigest());
 }
 

@@ -9,8 +9,8 @@
 
 #include "platform/interprocess_lock.h"
 #include "platform/shm_directory.h"
-#include "src/image_codec.h"
 #include "tests/src/store_fixture.h"
+#include "tests/support/range_records.h"
 #include "tests/tools/run_tool.h"
 
 namespace {
@@ -92,7 +92,7 @@ TEST_F(ShmCommand, ShowTellsCountsSizesAndDigests) {
   const ToolRun run = shm("show", keys, {"--json"});
   ASSERT_EQ(run.exitStatus, 0) << run.err;
   const json image = json::parse(run.out);
-  const std::string digest = tolvar::contentDigest(table.ranges);
+  const std::string digest = digestOf(table.ranges);
   for (const json& segment : image["segments"]) {
     EXPECT_EQ(segment["state"], "ours");
     EXPECT_EQ(segment["ipStatus"], "ready");

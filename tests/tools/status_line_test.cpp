@@ -28,11 +28,13 @@ TolvarStatus following() {
 TEST(StatusLine, ShowsWhatAClientHolds) {
   EXPECT_EQ(statusLine(following(), kNow),
             "time=2023-11-14T22:13:20.123Z ready=yes digest=a60af997181be27231efed38712fa396 "
-            "ranges=40 names=94 age=75s last_check=2023-11-14T22:13:05Z last_error=none");
+            "ranges=40 names=94 age=75s last_check=2023-11-14T22:13:05Z failing=no "
+            "last_error=none last_error_at=none");
   EXPECT_EQ(statusJson(following(), kNow),
             R"({"time":"2023-11-14T22:13:20.123Z","ready":true,)"
             R"("digest":"a60af997181be27231efed38712fa396","ranges":40,"names":94,)"
-            R"("age_seconds":75,"last_check":"2023-11-14T22:13:05Z","last_error":null})");
+            R"("age_seconds":75,"last_check":"2023-11-14T22:13:05Z","failing":false,)"
+            R"("last_error":null,"last_error_at":null})");
 }
 
 TEST(StatusLine, ShowsThatThereIsNothingYet) {
@@ -40,10 +42,11 @@ TEST(StatusLine, ShowsThatThereIsNothingYet) {
   status.digest = "0";
   EXPECT_EQ(statusLine(status, kNow),
             "time=2023-11-14T22:13:20.123Z ready=no digest=none ranges=0 names=0 age=none "
-            "last_check=none last_error=none");
+            "last_check=none failing=no last_error=none last_error_at=none");
   EXPECT_EQ(statusJson(status, kNow),
             R"({"time":"2023-11-14T22:13:20.123Z","ready":false,"digest":null,"ranges":0,)"
-            R"("names":0,"age_seconds":null,"last_check":null,"last_error":null})");
+            R"("names":0,"age_seconds":null,"last_check":null,"failing":false,)"
+            R"("last_error":null,"last_error_at":null})");
 }
 
 TEST(StatusLine, AnErrorStaysOnItsLine) {
@@ -53,6 +56,20 @@ TEST(StatusLine, AnErrorStaysOnItsLine) {
   EXPECT_NE(line.find(R"(last_error="download: \"x\"\nat \xFF")"), std::string::npos) << line;
   EXPECT_EQ(line.find('\n'), std::string::npos);
   EXPECT_EQ(statusJson(status, kNow).find('\n'), std::string::npos);
+}
+
+TEST(StatusLine, AFailureThatIsOverIsToldFromOneThatGoesOn) {
+  TolvarStatus status = following();
+  status.failing = true;
+  status.lastError = "download: gone";
+  status.lastErrorAt = kNow.tv_sec - 5;
+  const std::string text = R"( last_error="download: gone" last_error_at=2023-11-14T22:13:15Z)";
+  EXPECT_TRUE(statusLine(status, kNow).ends_with(" failing=yes" + text));
+  EXPECT_TRUE(statusJson(status, kNow)
+                  .ends_with(R"("failing":true,"last_error":"download: gone",)"
+                             R"("last_error_at":"2023-11-14T22:13:15Z"})"));
+  status.failing = false;
+  EXPECT_TRUE(statusLine(status, kNow).ends_with(" failing=no" + text));
 }
 
 TEST(StatusLine, AWallClockThatWasSetBackMakesNoNegativeAge) {
@@ -71,7 +88,8 @@ TEST(StatusChange, IsWhateverTheLineShows) {
       [](TolvarStatus& s) { s.ipReady = false; }, [](TolvarStatus& s) { s.codesReady = false; },
       [](TolvarStatus& s) { s.digest[0] = 'b'; }, [](TolvarStatus& s) { ++s.ranges; },
       [](TolvarStatus& s) { ++s.codeEntries; },   [](TolvarStatus& s) { ++s.lastPublished; },
-      [](TolvarStatus& s) { ++s.lastCheck; },     [](TolvarStatus& s) { s.lastError = "x"; }};
+      [](TolvarStatus& s) { ++s.lastCheck; },     [](TolvarStatus& s) { s.lastError = "x"; },
+      [](TolvarStatus& s) { s.failing = true; }};
   for (const auto& change : changes) {
     TolvarStatus changed = following();
     change(changed);
@@ -79,6 +97,7 @@ TEST(StatusChange, IsWhateverTheLineShows) {
   }
   TolvarStatus unseen = following();
   unseen.downloadMillis = 5;
+  ++unseen.lastErrorAt;
   EXPECT_FALSE(showsChange(following(), unseen));
 }
 

@@ -3,8 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 
-#include "tools/tolvar/key_list.h"
-
 namespace tolvar::tools {
 namespace {
 
@@ -37,11 +35,7 @@ CLI::Option* ClientOptions::declareService(CLI::App& app) {
 
 void ClientOptions::declareHost(CLI::App& app) {
   app.add_option_function<std::string>(
-         "--keys",
-         [this](const std::string& text) {
-           const ImageKeys parsed = parseKeys(text);
-           keys.assign(parsed.begin(), parsed.end());
-         },
+         "--keys", [this](const std::string& text) { keys = parseKeys(text); },
          "Three System V shared-memory keys to keep the image under after the run "
          "(default: keys of this run's own, removed at its end)")
       ->type_name("KEY,KEY,KEY");
@@ -60,8 +54,7 @@ ClientOptions ClientOptions::resolved() const {
 }
 
 std::unique_ptr<PrivateRun> ClientOptions::makeRun() const {
-  if (keys.empty()) return std::make_unique<PrivateRun>();
-  return std::make_unique<PrivateRun>(std::array<key_t, 3>{keys[0], keys[1], keys[2]});
+  return keys ? std::make_unique<PrivateRun>(*keys) : std::make_unique<PrivateRun>();
 }
 
 }  // namespace tolvar::tools

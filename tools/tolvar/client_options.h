@@ -1,10 +1,10 @@
 #pragma once
 
-#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
-#include <vector>
 
+#include "tools/tolvar/key_list.h"
 #include "tools/tolvar/private_run.h"
 #include "tools/tolvar/remote_client.h"
 
@@ -19,7 +19,7 @@ namespace tolvar::tools {
 /// are.
 struct ClientOptions {
   ServiceAddress service;
-  std::vector<std::int32_t> keys;  ///< empty, or three
+  std::optional<ImageKeys> keys;  ///< of an image that stays; without, the run has keys of its own
   std::string logPath;
 
   /// Declares --service and the flags of its encryption; answers --service.

@@ -166,7 +166,7 @@ ExitStatus LookupCommand::run() const {
   }
   std::fflush(stdout);
   if (timing) printTiming(*session);
-  return printer.allFound() ? kExitAnswered : kExitUnanswered;
+  return printer.allFound() ? kExitDone : kExitNo;
 }
 
 }  // namespace tolvar::tools

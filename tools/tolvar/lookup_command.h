@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/shared/exit_status.h"
 #include "tools/tolvar/client_options.h"
-#include "tools/tolvar/exit_status.h"
 
 namespace CLI {
 class App;

@@ -70,7 +70,7 @@ void ShmCommand::declare(CLI::App& app) {
       ->add_flag("--force", force, "Also while processes are attached; they keep what they map");
 }
 
-int ShmCommand::run() const {
+ExitStatus ShmCommand::run() const {
   switch (action) {
     case Action::Show: return show();
     case Action::Verify: return verify();
@@ -79,38 +79,38 @@ int ShmCommand::run() const {
   }
 }
 
-int ShmCommand::list() const {
+ExitStatus ShmCommand::list() const {
   std::size_t unreadable = 0;
   const std::vector<FoundImage> images = findImages(&unreadable);
   print(json ? listJson(images) : listText(images));
   if (unreadable != 0)
     std::fprintf(stderr, "tolvar: %zu segments may not be read by this user and were passed over\n",
                  unreadable);
-  return 0;
+  return kExitDone;
 }
 
-int ShmCommand::show() const {
+ExitStatus ShmCommand::show() const {
   ImageSlots slots;
   const ImageReport report = readImage(keys, &slots);
   print(json ? showJson(report) : showText(report));
-  return 0;
+  return kExitDone;
 }
 
-int ShmCommand::verify() const {
+ExitStatus ShmCommand::verify() const {
   ImageSlots slots;
   const ImageReport report = readImage(keys, &slots);
   print(json ? verifyJson(report) : verifyText(report));
-  return report.damage == 0 ? 0 : 1;
+  return report.damage == 0 ? kExitDone : kExitNo;
 }
 
-int ShmCommand::remove() const {
+ExitStatus ShmCommand::remove() const {
   const Removal removal = removeImage(keys, force);
   if (removal.done) {
     print(removal.text);
   } else {
     std::fprintf(stderr, "tolvar: %s", removal.text.c_str());
   }
-  return removal.done ? 0 : 1;
+  return removal.done ? kExitDone : kExitNo;
 }
 
 }  // namespace tolvar::tools

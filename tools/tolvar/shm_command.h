@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "tools/shared/exit_status.h"
 #include "tools/tolvar/key_list.h"
 
 namespace CLI {
@@ -22,17 +23,17 @@ struct ShmCommand {
   /// Declares the subcommands and their flags.
   void declare(CLI::App& app);
 
-  /// Prints to standard output, refusals to standard error. Gives the exit status: 0, or 1 when
-  /// `verify` found damage or `rm` refused. Throws std::exception when there is no image, or it
+  /// Prints to standard output, refusals to standard error. Answers kExitNo when `verify` found
+  /// damage or `rm` refused. Throws std::exception when there is no image, or it
   /// cannot be read.
-  int run() const;
+  ExitStatus run() const;
 
  private:
   CLI::App* declareAction(CLI::App& app, const char* name, const char* description, Action what);
-  int list() const;
-  int show() const;
-  int verify() const;
-  int remove() const;
+  ExitStatus list() const;
+  ExitStatus show() const;
+  ExitStatus verify() const;
+  ExitStatus remove() const;
 };
 
 }  // namespace tolvar::tools

@@ -43,7 +43,7 @@ Json regionOf(int index, const RegionReport& region) {
   Json json = {{"table", regionName(index)}, {"found", region.reached}};
   if (!region.reached) return json;
   json["nodes"] = region.nodes;
-  json["capacity"] = (region.sizeWord - sizeof(tagMemQueueHead)) / sizeof(MemNode);
+  json["capacity"] = roomOf(region);
   json["bytes"] = region.sizeWord;
   json["offset"] = region.offset;
   return json;

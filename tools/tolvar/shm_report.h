@@ -7,7 +7,8 @@
 
 #include "tools/tolvar/shm_images.h"
 
-/// What `tolvar shm` prints. Pure: nothing here looks at the host.
+/// What `tolvar shm` prints of segments that have been read. Nothing here looks at the host, but
+/// for the names of users.
 namespace tolvar::tools {
 
 /// What was read of the segments behind an image's keys; nothing for a data segment that is missing

@@ -1,5 +1,3 @@
-
-#include "include/segment_types.h"
 #include "service/import_guard.h"
 #include "tools/tolvar/shm_report.h"
 #include "tools/tolvar/shm_values.h"
@@ -84,7 +82,7 @@ std::string regionLine(int index, const RegionReport& region) {
   const std::string name = regionName(index);
   if (!region.reached) return "    " + padded(name, 15) + "not found: the layout is damaged\n";
   return "    " + padded(name, 15) + rightAligned(service::grouped(region.nodes), 11) + " of " +
-         rightAligned(service::grouped((region.sizeWord - sizeof(tagMemQueueHead)) / 128), 11) +
+         rightAligned(service::grouped(roomOf(region)), 11) +
          rightAligned(service::grouped(region.sizeWord), 16) + " bytes at " +
          std::to_string(region.offset) + "\n";
 }

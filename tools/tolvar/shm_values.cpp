@@ -3,9 +3,9 @@
 #include <pwd.h>
 
 #include <array>
-#include <cstdio>
 
 #include "include/segment_types.h"
+#include "tools/shared/field_line.h"
 
 namespace tolvar::tools {
 
@@ -18,14 +18,10 @@ std::string userName(uid_t user) {
   return std::to_string(user);
 }
 
-std::string formatTime(std::time_t time) {
-  if (time == 0) return "never";
-  tm parts{};
-  std::array<char, 32> text;
-  if (gmtime_r(&time, &parts) == nullptr ||
-      std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
-    return std::to_string(time);
-  return text.data();
+std::string formatTime(std::time_t time) { return time == 0 ? "never" : utcText(time); }
+
+std::uint64_t roomOf(const RegionReport& region) {
+  return (region.sizeWord - sizeof(tagMemQueueHead)) / sizeof(MemNode);
 }
 
 std::optional<ImageKeys> keysOf(const FoundImage& image) {

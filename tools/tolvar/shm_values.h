@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -15,6 +16,9 @@ std::string userName(uid_t user);
 
 /// "2026-01-31T23:59:59Z", or "never" for 0.
 std::string formatTime(std::time_t time);
+
+/// Nodes that fit into a region that was reached.
+std::uint64_t roomOf(const RegionReport& region);
 
 /// The keys as `--keys` takes them; nothing when the image is not complete.
 std::optional<ImageKeys> keysOf(const FoundImage& image);

@@ -13,7 +13,8 @@ constexpr const char* kNone = "none";
 
 auto shownParts(const TolvarStatus& status) {
   return std::tie(status.ipReady, status.codesReady, status.digest, status.ranges,
-                  status.codeEntries, status.lastPublished, status.lastCheck, status.lastError);
+                  status.codeEntries, status.lastPublished, status.lastCheck, status.failing,
+                  status.lastError);
 }
 
 bool isReady(const TolvarStatus& status) { return status.ipReady && status.codesReady; }
@@ -47,7 +48,9 @@ std::string statusLine(const TolvarStatus& status, timeval now) {
   appendField(line, "age",
               status.lastPublished == 0 ? kNone : std::to_string(ageSeconds(status, now)) + "s");
   appendField(line, "last_check", status.lastCheck == 0 ? kNone : utcText(status.lastCheck));
+  appendField(line, "failing", status.failing ? "yes" : "no");
   appendField(line, "last_error", status.lastError.empty() ? kNone : status.lastError);
+  appendField(line, "last_error_at", status.lastErrorAt == 0 ? kNone : utcText(status.lastErrorAt));
   return line;
 }
 
@@ -61,7 +64,9 @@ std::string statusJson(const TolvarStatus& status, timeval now) {
   json["names"] = status.codeEntries;
   json["age_seconds"] = status.lastPublished == 0 ? Json() : Json(ageSeconds(status, now));
   json["last_check"] = status.lastCheck == 0 ? Json() : Json(utcText(status.lastCheck));
+  json["failing"] = status.failing;
   json["last_error"] = status.lastError.empty() ? Json() : Json(status.lastError);
+  json["last_error_at"] = status.lastErrorAt == 0 ? Json() : Json(utcText(status.lastErrorAt));
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

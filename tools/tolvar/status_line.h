@@ -8,7 +8,8 @@
 
 namespace tolvar::tools {
 
-/// True when the two differ in something that a status line shows, other than the time.
+/// True when the two differ in something that a status line shows, other than the time and when the
+/// last error was: an attempt that fails like the one before is no change.
 bool showsChange(const TolvarStatus& before, const TolvarStatus& now);
 
 /// True when a client answers from the table whose digest is, or begins with, `digest` (lower

@@ -88,7 +88,7 @@ void WatchCommand::declare(CLI::App& app) {
 }
 
 ExitStatus WatchCommand::run() const {
-  const ExitStatus inVain = untilDigest.empty() ? kExitAnswered : kExitUnanswered;
+  const ExitStatus inVain = untilDigest.empty() ? kExitDone : kExitNo;
   const auto end = endAfter(forSeconds);
   const ClientOptions options = client.resolved();
   const std::unique_ptr<PrivateRun> host = options.makeRun();
@@ -101,8 +101,8 @@ ExitStatus WatchCommand::run() const {
   do {
     const TolvarStatus status = session->api().status();
     const bool isShown = printer.show(status);
-    if (!untilDigest.empty() && answersFrom(status, untilDigest)) return kExitAnswered;
-    if (!isShown && untilDigest.empty()) return kExitAnswered;
+    if (!untilDigest.empty() && answersFrom(status, untilDigest)) return kExitDone;
+    if (!isShown && untilDigest.empty()) return kExitDone;
     if (const std::string failure = keeper.failure(); !failure.empty())
       throw qel::ZU_Exception("the client did not come up: " + failure);
   } while (steady_clock::now() < end && !host->awaitSignal(untilNextLook(end)));

@@ -2,8 +2,8 @@
 
 #include <string>
 
+#include "tools/shared/exit_status.h"
 #include "tools/tolvar/client_options.h"
-#include "tools/tolvar/exit_status.h"
 
 namespace tolvar::tools {
 
@@ -19,7 +19,7 @@ struct WatchCommand {
   /// Declares the flags.
   void declare(CLI::App& app);
 
-  /// One line on standard output at the start and at every change. Answers kExitUnanswered when a
+  /// One line on standard output at the start and at every change. Answers kExitNo when a
   /// digest was waited for and did not come. Throws std::exception when no client can run.
   ExitStatus run() const;
 };

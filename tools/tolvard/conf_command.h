@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/tolvard/exit_status.h"
+#include "tools/shared/exit_status.h"
 #include "tools/tolvard/store_option.h"
 
 namespace tolvar::tools {

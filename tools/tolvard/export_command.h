@@ -5,7 +5,7 @@
 #include <string>
 
 #include "service/iso_countries.h"
-#include "tools/tolvard/exit_status.h"
+#include "tools/shared/exit_status.h"
 #include "tools/tolvard/store_option.h"
 
 namespace tolvar::tools {

@@ -143,7 +143,7 @@ std::string ImportCommand::differences() const {
 
 ExitStatus ImportCommand::report(Outcome outcome,
                                  const std::optional<service::StoredVersion>& stored) const {
-  const ExitStatus status = outcome == Outcome::Refused ? kExitRefused : kExitDone;
+  const ExitStatus status = outcome == Outcome::Refused ? kExitNo : kExitDone;
   if (_json) {
     nlohmann::json document{{"result", nameOf(outcome)},
                             {"dryRun", _dryRun},

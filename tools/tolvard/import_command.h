@@ -7,7 +7,7 @@
 
 #include "service/import_guard.h"
 #include "service/importer.h"
-#include "tools/tolvard/exit_status.h"
+#include "tools/shared/exit_status.h"
 #include "tools/tolvard/store_option.h"
 
 namespace tolvar::tools {

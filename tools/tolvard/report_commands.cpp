@@ -79,7 +79,7 @@ ExitStatus CheckCommand::run() const {
     for (const std::string& fault : faults) text += printable(fault) + "\n";
     print(text + "Restore the file from a backup, or import into a new one.\n");
   }
-  return faults.empty() ? kExitDone : kExitRefused;
+  return faults.empty() ? kExitDone : kExitNo;
 }
 
 void UsageCommand::declare(CLI::App& app) {

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "tools/tolvard/exit_status.h"
+#include "tools/shared/exit_status.h"
 #include "tools/tolvard/store_option.h"
 
 namespace tolvar::tools {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/tolvard/exit_status.h"
+#include "tools/shared/exit_status.h"
 #include "tools/tolvard/store_option.h"
 
 namespace tolvar::tools {

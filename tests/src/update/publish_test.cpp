@@ -112,7 +112,8 @@ TEST(Publish, RangeThatFindsNoNodeIsLoggedAndTheRestIsWritten) {
   scene.access.gathered() = selfCheckingTable(1, 5).rows;
   const std::string digest = digestOf(scene.access.gathered());
   scene.output.take();
-  EXPECT_EQ(scene.access.writeRanges(1), digest) << "the image of a lost range stays in the digest";
+  EXPECT_EQ(scene.access.writeTable(1, scene.access.gathered()), digest)
+      << "the image of a lost range stays in the digest";
   scene.output.take();
   EXPECT_EQ(textsStarting(scene.output.err, "TolvarAPI::totalWriteData2Shm() catch "),
             (std::vector<std::string>(

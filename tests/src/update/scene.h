@@ -9,6 +9,7 @@
 #include "tests/support/client_test_access.h"
 #include "tests/support/fake_service.h"
 #include "tests/support/manual_clock.h"
+#include "tests/support/plant.h"
 #include "tests/support/shm_keys.h"
 #include "tests/support/temp_dir.h"
 
@@ -52,20 +53,20 @@ struct Scene {
   }
 };
 
-/// A client whose steps the test calls itself, on its own thread: proxies and small segments are in
-/// place, nothing was started. Waits move the clock.
-struct StepScene : Scene {
+/// A client whose steps the test calls itself, on its own thread: proxies are in place, nothing was
+/// started, no segment is attached yet. Waits move the clock.
+struct LateScene : Scene {
   ManualClock clock{true};
   ClockedClient client{clock};
   tolvar::ClientTestAccess access{client};
 
-  explicit StepScene(std::size_t ranges = 64, std::size_t codes = 8) {
-    plantSmallSegments(keys, ranges, codes);
+  LateScene() {
     access.tolvarPrx() = fakeProxy(service);
     access.fTolvarPrx() = fakeFastProxy(service);
-    access.InitializeShareMemory(keys.data0(), keys.data1(), keys.size());
-    output.take();
   }
+
+  /// Looks for the image, as `initialize` does.
+  void begin() { access.InitializeShareMemory(keys.data0(), keys.data1(), keys.size()); }
 
   /// Lets the next change check ask the service.
   void makeCheckDue() { access.lastCheckFileChanged() = 0; }
@@ -86,6 +87,15 @@ struct StepScene : Scene {
       if (!access.isTotalDownLoading() && !access.isCheckingCode()) return true;
     }
     return false;
+  }
+};
+
+/// The same, with small segments in place.
+struct StepScene : LateScene {
+  explicit StepScene(std::size_t ranges = 64, std::size_t codes = 8) {
+    plantSmallSegments(keys, ranges, codes);
+    begin();
+    output.take();
   }
 };
 

@@ -1,6 +1,5 @@
 #include "tests/src/update/segment_view.h"
 
-#include <gtest/gtest.h>
 #include <sys/shm.h>
 
 #include <cstring>
@@ -55,13 +54,6 @@ class FieldReader {
 
 void put(std::string* bytes, const void* value, std::size_t size) {
   bytes->append(static_cast<const char*>(value), size);
-}
-
-void plantRegion(std::string* segment, std::uint64_t nodes) {
-  const std::uint64_t size = kVectorHead + nodes * kNode;
-  const std::uint64_t words[] = {size, size, nodes, kNode, 0};
-  put(segment, words, sizeof words);
-  segment->append(nodes * kNode, '\0');
 }
 
 }  // namespace
@@ -147,20 +139,6 @@ std::string digestOf(const std::vector<StoredRange>& ranges) {
     put(&bytes, &range.place, sizeof range.place);
   }
   return qel::ZU_MD5::md5str(bytes);
-}
-
-void plantSmallSegments(const ShmKeys& keys, std::size_t ranges, std::size_t codes) {
-  std::string segment(kHead, '\0');
-  plantRegion(&segment, ranges);
-  for (int table = 0; table < kLastRegion; ++table) plantRegion(&segment, codes);
-  for (const key_t key : {keys.data0(), keys.data1()}) {
-    const int id = shmget(key, segment.size(), IPC_CREAT | IPC_EXCL | 0660);
-    ASSERT_GE(id, 0);
-    void* at = shmat(id, nullptr, 0);
-    ASSERT_NE(at, reinterpret_cast<void*>(-1));
-    std::memcpy(at, segment.data(), segment.size());
-    shmdt(at);
-  }
 }
 
 }  // namespace tolvar_test

@@ -7,8 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/shm_keys.h"
-
 namespace tolvar_test {
 
 /// One range and one code entry as they lie in a segment.
@@ -54,9 +52,5 @@ class SegmentView {
 
 /// Digest of stored ranges, computed from their 36-byte images written out by hand.
 std::string digestOf(const std::vector<StoredRange>& ranges);
-
-/// Makes both data segments with room for `ranges` ranges and `codes` entries in each code table,
-/// empty and not ready, so that a test need not move the 70 MB of a segment of the usual size.
-void plantSmallSegments(const ShmKeys& keys, std::size_t ranges, std::size_t codes);
 
 }  // namespace tolvar_test

@@ -1,10 +1,8 @@
 #include "tests/src/update/table_server.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "platform/exception.h"
-#include "platform/md5.h"
 
 namespace tolvar_test {
 namespace {
@@ -29,13 +27,6 @@ ravel::IPProperty selfCheckingRow(std::uint32_t start, std::uint32_t version) {
   return range;
 }
 
-template <class T>
-void appendBytes(std::string* bytes, T value) {
-  char raw[sizeof value];
-  std::memcpy(raw, &value, sizeof value);
-  bytes->append(raw, sizeof raw);
-}
-
 }  // namespace
 
 ravel::IPProperty row(std::uint32_t start, std::uint32_t end, std::int64_t place,
@@ -54,21 +45,6 @@ ravel::CodeInfo code(std::int32_t type, std::int64_t id, const std::string& name
   entry.ID = id;
   entry.content = name;
   return entry;
-}
-
-std::string digestOf(const std::vector<ravel::IPProperty>& rows) {
-  std::string bytes;
-  for (const ravel::IPProperty& range : rows) {
-    appendBytes(&bytes, range.startIP);
-    appendBytes(&bytes, range.endIP);
-    appendBytes(&bytes, range.extend);
-    appendBytes(&bytes, range.oper);
-    appendBytes(&bytes, range.nettype);
-    appendBytes(&bytes, range.apn);
-    appendBytes(&bytes, range.flable);
-    appendBytes(&bytes, range.place);
-  }
-  return qel::ZU_MD5::md5str(bytes);
 }
 
 Table selfCheckingTable(std::uint32_t version, std::size_t count) {
@@ -98,7 +74,7 @@ std::uint32_t versionOf(std::uint32_t ip, const ravel::IPInfo& info) {
 
 TableServer::TableServer(const std::shared_ptr<FakeService>& service, std::size_t pageRanges)
     : _service(service), _pageRanges(pageRanges) {
-  _digest = digestOf({});
+  _digest = digestOf(ravel::vIPProperty());
   service->getConf = [this](ravel::ClientConf&) { failWhenDown(); };
   service->checkChange = [this](const ravel::CheckReq& req, ravel::CheckInfo& info) {
     failWhenDown();

@@ -10,6 +10,7 @@
 
 #include "records/records.h"
 #include "tests/support/fake_service.h"
+#include "tests/support/range_records.h"
 
 namespace tolvar_test {
 
@@ -21,9 +22,6 @@ struct Table {
 ravel::IPProperty row(std::uint32_t start, std::uint32_t end, std::int64_t place = 86001002003,
                       std::uint32_t oper = 1);
 ravel::CodeInfo code(std::int32_t type, std::int64_t id, const std::string& name);
-
-/// Digest of rows in the order given, computed from their 36-byte images written out by hand.
-std::string digestOf(const std::vector<ravel::IPProperty>& rows);
 
 /// `count` ranges of 128 addresses, 256 apart, from kFirstAddress on, every field of which follows
 /// from the version and the start; and code tables in which every name carries the version. An

@@ -20,7 +20,7 @@ std::uint32_t versionAt(TolvarAPI& client, std::uint32_t ip) {
 
 std::atomic<int> refusal{0};
 
-/// Lets the system refuse every new segment with one errno while told to.
+/// Lets the system refuse every new segment with one errno, for a scope.
 class NoSegments {
  public:
   explicit NoSegments(int error) {
@@ -33,38 +33,26 @@ class NoSegments {
       return shmget(key, size, flags);
     };
   }
-  ~NoSegments() { end(); }
-  void end() { refusal = 0; }
+  ~NoSegments() { refusal = 0; }
 
  private:
   SystemCallsGuard _guard;
 };
 
-/// A client whose steps the test calls itself, not yet at its segments.
-struct LateScene : Scene {
+struct UnsharedScene : LateScene {
   TableServer server{service, 10};
-  ManualClock clock{true};
-  ClockedClient client{clock};
-  tolvar::ClientTestAccess access{client};
 
-  LateScene() {
-    access.tolvarPrx() = fakeProxy(service);
-    access.fTolvarPrx() = fakeFastProxy(service);
+  UnsharedScene() {
     access.internals().starterLockMillis = 1;
     access.internals().publisherLockMillis = 1;
   }
 
-  void begin() { access.InitializeShareMemory(keys.data0(), keys.data1(), keys.size()); }
-
-  bool refresh() {
-    access.lastCheckFileChanged() = 0;
-    access.checkChange();
-    for (int pass = 0; pass < 50; ++pass) {
-      access.totalDownloadRequest();
-      access.checkCodeChangeRequest();
-      if (!access.isTotalDownLoading() && !access.isCheckingCode()) return true;
-    }
-    return false;
+  /// Finds no segments, and answers from its own download of the table.
+  void beginWithout(const Table& table) {
+    NoSegments none(ENOMEM);
+    begin();
+    server.publish(table);
+    ASSERT_TRUE(refresh());
   }
 
   void expectBothHold(const Table& table) {
@@ -80,7 +68,7 @@ struct LateScene : Scene {
 };
 
 TEST(Unshared, AStartWithoutTheLockTouchesNoSegmentAndAnswersFromItsDownload) {
-  LateScene scene;
+  UnsharedScene scene;
   plantSmallSegments(scene.keys, 64, 8);
   const std::string before0 = SegmentView(scene.keys.data0()).content();
   const std::string before1 = SegmentView(scene.keys.data1()).content();
@@ -103,7 +91,7 @@ TEST(Unshared, AStartWithoutTheLockTouchesNoSegmentAndAnswersFromItsDownload) {
 }
 
 TEST(Unshared, TheFirstPublicationThatGetsTheLockSharesTheTables) {
-  LateScene scene;
+  UnsharedScene scene;
   qel::InterprocessLock somebody;
   ASSERT_TRUE(somebody.acquire(scene.keys.size(), 0));
   scene.begin();
@@ -119,13 +107,9 @@ TEST(Unshared, TheFirstPublicationThatGetsTheLockSharesTheTables) {
 }
 
 TEST(Unshared, NamesThatComeLaterBringTheTableAlong) {
-  LateScene scene;
-  NoSegments none(ENOMEM);
-  scene.begin();
+  UnsharedScene scene;
   const Table table = selfCheckingTable(1, 25);
-  scene.server.publish(table);
-  ASSERT_TRUE(scene.refresh());
-  none.end();
+  scene.beginWithout(table);
   scene.access.isCheckingCode() = true;
   ASSERT_TRUE(scene.access.checkCodeChangeRequest());
   EXPECT_FALSE(scene.access.isCheckingCode());
@@ -133,20 +117,16 @@ TEST(Unshared, NamesThatComeLaterBringTheTableAlong) {
 }
 
 TEST(Unshared, ATableThatComesLaterBringsTheNamesAlong) {
-  LateScene scene;
-  NoSegments none(ENOMEM);
-  scene.begin();
+  UnsharedScene scene;
   const Table table = selfCheckingTable(1, 25);
-  scene.server.publish(table);
-  ASSERT_TRUE(scene.refresh());
-  none.end();
+  scene.beginWithout(table);
   scene.access.gathered() = table.rows;
   scene.access.totalWriteData2Shm();
   scene.expectBothHold(table);
 }
 
 TEST(Unshared, AnImageThatOthersMadeMeanwhileIsKeptUntilItIsReplaced) {
-  LateScene scene;
+  UnsharedScene scene;
   const Table theirs = selfCheckingTable(5, 8);
   {
     qel::InterprocessLock somebody;

@@ -53,20 +53,35 @@ def content(path):
         return file.read()
 
 
-class Tls(ServiceTest):
+class EncryptedServiceTest(ServiceTest):
+    """A service with a certificate that is good for DAYS, of an authority made for it."""
+
     ROWS = 10
+    DAYS = 2
 
     @classmethod
     def setUpClass(cls):
-        directory = tempfile.TemporaryDirectory(prefix="tolvar-foreign-")
-        cls.addClassCleanup(directory.cleanup)
-        cls.authority = Authority(directory.name, "authority")
-        cls.stranger = Authority(directory.name, "stranger")
-        certificate, key = cls.authority.issue("server")
-        cls.FLAGS = (
-            "--tls-cert", certificate, "--tls-key", key, "--tls-ca", cls.authority.ca_file,
-        )  # fmt: skip
+        cls.directory = tempfile.TemporaryDirectory(prefix="tolvar-foreign-")
+        cls.addClassCleanup(cls.directory.cleanup)
+        cls.authority = Authority(cls.directory.name, "authority")
+        certificate, key = cls.authority.issue("server", days=cls.DAYS)
+        cls.FLAGS = ("--tls-cert", certificate, "--tls-key", key, *cls.more_flags())
         super().setUpClass()
+
+    @classmethod
+    def more_flags(cls):
+        return ()
+
+
+class Tls(EncryptedServiceTest):
+    @classmethod
+    def more_flags(cls):
+        return ("--tls-ca", cls.authority.ca_file)
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.stranger = Authority(cls.directory.name, "stranger")
 
     def outcome(self, ca, identity=None):
         """The status of a call by a client that trusts `ca` and shows `identity`."""
@@ -99,17 +114,8 @@ class Tls(ServiceTest):
             self.assertEqual(failed.exception.code(), grpc.StatusCode.UNAVAILABLE)
 
 
-class ExpiredService(ServiceTest):
-    ROWS = 10
-
-    @classmethod
-    def setUpClass(cls):
-        directory = tempfile.TemporaryDirectory(prefix="tolvar-foreign-")
-        cls.addClassCleanup(directory.cleanup)
-        cls.authority = Authority(directory.name, "authority")
-        certificate, key = cls.authority.issue("server", days=-1)
-        cls.FLAGS = ("--tls-cert", certificate, "--tls-key", key)
-        super().setUpClass()
+class ExpiredService(EncryptedServiceTest):
+    DAYS = -1
 
     def test_an_expired_service_is_not_believed(self):
         credentials = grpc.ssl_channel_credentials(content(self.authority.ca_file))

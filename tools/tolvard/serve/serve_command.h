@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/tolvard/exit_status.h"
+#include "tools/shared/exit_status.h"
 #include "tools/tolvard/serve/listen_address.h"
 #include "tools/tolvard/server/grpc_server.h"
 #include "tools/tolvard/store_option.h"

@@ -17,7 +17,11 @@ Capacities smallCapacities(std::size_t ranges, std::size_t names);
 Capacities fullSizeCapacities(std::size_t ranges, std::size_t names);
 
 /// Makes both data segments, laid, empty and not ready, with `slack` unused bytes behind the
-/// regions.
+/// regions. Throws std::runtime_error.
 void plantSegments(const ShmKeys& keys, const Capacities& capacities, std::size_t slack = 0);
+
+/// The same with small capacities, so that a test need not move the 70 MB of a segment of the usual
+/// size.
+void plantSmallSegments(const ShmKeys& keys, std::size_t ranges, std::size_t names);
 
 }  // namespace tolvar_test

@@ -1,4 +1,4 @@
-#include "tests/crash/plant.h"
+#include "tests/support/plant.h"
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -51,6 +51,10 @@ void plantSegments(const ShmKeys& keys, const Capacities& capacities, std::size_
     }
     shmdt(at);
   }
+}
+
+void plantSmallSegments(const ShmKeys& keys, std::size_t ranges, std::size_t names) {
+  plantSegments(keys, smallCapacities(ranges, names));
 }
 
 }  // namespace tolvar_test
