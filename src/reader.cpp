@@ -1,3 +1,5 @@
+#include <new>
+
 #include "src/client_internals.h"
 
 /// The lookups that neither lock nor allocate nor call the operating system. They lie together, and
@@ -20,7 +22,9 @@ bool TolvarReader::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) const noexce
 bool TolvarReader::getIPInfo(std::uint32_t ip, IPNameView* names) const noexcept {
   const std::uint32_t tuple = _tables->finder.findTuple(ip);
   if (tuple == 0) return false;
-  *names = _tables->names->row(tuple);
+  // Made where it belongs: assigned, it would go through memory of its own, and what is written in
+  // one size and read in another makes a processor wait.
+  ::new (static_cast<void*>(names)) IPNameView(_tables->names->row(tuple));
   return true;
 }
 

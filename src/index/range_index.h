@@ -22,15 +22,15 @@ namespace tolvar {
 ///             number of the next word = (bits 5-31) + (low 16 address bits >> bits 0-4)
 ///           which for most is the second word of the pair, in the same cache line. After the pairs
 ///           come the sub-directories of crowded buckets. All words but the first of a pair:
-///             bit 0 = 0   leaf of n keys: 2 n in bits 0-4, 8-byte unit of its place in bits 5-31
-///             bit 0 = 1   sub-directory of its own: number of the next word = (bits 5-31)
-///                         + (low 16 address bits >> bits 1-4), modulo 2^27
+///             bit 4 = 0   leaf of n keys: n in bits 0-3, 8-byte unit of its place in bits 5-31
+///             bit 4 = 1   sub-directory of its own: number of the next word = (bits 5-31)
+///                         + (low 16 address bits >> bits 0-3), modulo 2^27
 ///   lines   of 64 bytes, first those with leaves, then one for each tuple.
 ///           Leaf: n signed 16-bit keys (the low 16 address bits, less 32768, of the break points
 ///           inside its block of addresses; ascending), then n + 1 24-bit tuple numbers: number i
 ///           holds from key i - 1 on.
-///           Tuple: its `IPInfo`, then, in byte 48, the leaf without keys for blocks that are all
-///           this tuple.
+///           Tuple: in byte 8 the leaf without keys for blocks that are all this tuple, from
+///           byte 16 on its `IPInfo`.
 ///
 /// Thread safety: every operation of a finished index is const and may be called from any number of
 /// threads at once. None allocates, locks or calls the operating system.
@@ -38,8 +38,8 @@ namespace tolvar {
 /// Invariants:
 ///  1. A finished index never changes.
 ///  2. Exactly one slot of one leaf answers each of the 2^32 addresses.
-///  3. A leaf has at most 8 keys, strictly ascending, none equal to the first address of its block.
-///  4. A leaf never straddles a cache line; nor do the 16 bytes from its start that a count reads.
+///  3. A leaf has at most 12 keys, strictly ascending; none is the first address of its block.
+///  4. A leaf never straddles a cache line; nor do the 24 bytes from its start that a count reads.
 ///  5. Words, leaves and tuples are reached by number only, and every number stored is in bounds.
 class RangeIndex : public RangeLookup {
  public:

@@ -22,9 +22,9 @@ constexpr std::size_t leafUnits(std::size_t keys) {
   return (kKeyBytes * keys + kTupleBytes * (keys + 1) + 7) / 8;
 }
 
-/// A key count reads 16 bytes, so that many units of the line follow the start of every leaf, if
+/// A key count reads 24 bytes, so that many units of the line follow the start of every leaf, if
 /// need be with other leaves in them.
-constexpr std::size_t kReadUnits = 2;
+constexpr std::size_t kReadUnits = 3;
 
 /// How many address bits a sub-directory over 2^bits addresses had best resolve for the sorted
 /// break points `keyAt(0)` to `keyAt(count - 1)`, counted from its start: the number with the
@@ -150,7 +150,7 @@ std::uint32_t RangeIndexBuilder::makeNode(const Block& block, Breaks breaks) {
   // Lookups shift the low address bits as a whole, so the base takes the block's start back.
   const std::uint32_t base =
       (directory.base - (block.start >> directory.shift)) & RangeIndex::kNumberMask;
-  return base << 5 | directory.shift << 1 | 1u;
+  return base << 5 | directory.shift | RangeIndex::kDirectoryBit;
 }
 
 RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block, Breaks breaks) {
@@ -191,7 +191,7 @@ std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
     out += kTupleBytes;
     std::memcpy(out, &point.tuple, kTupleBytes);
   }
-  return static_cast<std::uint32_t>(unit << 5 | 2 * breaks.size());
+  return static_cast<std::uint32_t>(unit << 5 | breaks.size());
 }
 
 /// Finds room for a leaf of `units` 8-byte units inside one line; answers its unit number.
@@ -236,7 +236,7 @@ void RangeIndexBuilder::appendTuples() {
   RangeIndex::Lines().swap(lines);
   for (const ravel::IPInfo& info : _tuples) {
     const auto number = static_cast<std::uint32_t>(all.size() - leafLines);
-    all.emplace_back().tuple = {info, number};
+    all.emplace_back().tuple = {0, number, 0, info};
   }
   lines = std::move(all);
   _index._leafLines = leafLines;

@@ -68,16 +68,19 @@ class RangeLookup {
   static constexpr std::uint32_t kBuckets = 1u << 16;
   static constexpr std::uint32_t kDirectoryWords = 2 * kBuckets;
   static constexpr std::uint32_t kNumberMask = (1u << 27) - 1;
+  static constexpr std::uint32_t kDirectoryBit = 1u << 4;
   static constexpr std::uint32_t kTupleLimit = 1u << 24;
-  static constexpr std::uint32_t kLeafKeys = 8;
+  static constexpr std::uint32_t kLeafKeys = 12;
   static constexpr std::size_t kLineBytes = 64;
   static constexpr std::size_t kUnitBytes = 8;
 
   union alignas(kLineBytes) Line {
     unsigned char bytes[kLineBytes];
     struct {
-      ravel::IPInfo info;
+      std::uint64_t unused;
       std::uint32_t number;
+      std::uint32_t unusedToo;
+      ravel::IPInfo info;
     } tuple;
 
     Line() noexcept : bytes{} {}
@@ -95,7 +98,7 @@ class RangeLookup {
 
  private:
   std::uint32_t secondWordNumber(std::uint32_t ip) const noexcept {
-    const std::uint32_t word = _words[2 * (ip >> 16)];
+    const std::uint32_t word = _words[2 * std::size_t{ip >> 16}];
     return (word >> 5) + ((ip & 0xFFFFu) >> (word & 31u));
   }
 
@@ -103,8 +106,8 @@ class RangeLookup {
   /// Nearly always it is one; a leaf behind each second word would take too much memory.
   std::uint32_t resolve(std::uint32_t number, std::uint32_t low) const noexcept {
     std::uint32_t word = _words[number];
-    while ((word & 1u) != 0) [[unlikely]] {
-        word = _words[((word >> 5) + (low >> ((word >> 1) & 15u))) & kNumberMask];
+    while ((word & kDirectoryBit) != 0) [[unlikely]] {
+        word = _words[((word >> 5) + (low >> (word & 15u))) & kNumberMask];
       }
     return word;
   }
@@ -117,34 +120,36 @@ class RangeLookup {
     return _leaves + std::size_t{word >> 5} * kUnitBytes;
   }
 
-  /// Twice the number of keys at `leaf` that are not above `low`, of `doubleKeys` / 2 (0 to 8)
-  /// sorted ones.
-  static std::uint32_t countKeys(const unsigned char* leaf, std::uint32_t doubleKeys,
-                                 std::uint32_t low) noexcept {
+  /// Number of keys at `leaf` that are not above `low`, of `keys` (0 to 12) sorted ones.
+  static std::size_t countKeys(const unsigned char* leaf, std::uint32_t keys,
+                               std::uint32_t low) noexcept {
 #ifdef TOLVAR_INDEX_SSE2
-    const __m128i keys = _mm_loadu_si128(reinterpret_cast<const __m128i*>(leaf));
-    const __m128i above = _mm_cmpgt_epi16(keys, _mm_set1_epi16(keyOf(low)));
-    // Two equal bits for each key. What lies behind the last one is cut off by the bit set there.
+    const __m128i key = _mm_set1_epi16(keyOf(low));
+    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(leaf));
+    const __m128i last = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(leaf + sizeof first));
+    const __m128i above = _mm_packs_epi16(_mm_cmpgt_epi16(first, key), _mm_cmpgt_epi16(last, key));
+    // A bit for each key. What lies behind the last one is cut off by the bit set there.
     const auto bits = static_cast<std::uint32_t>(_mm_movemask_epi8(above));
-    return static_cast<std::uint32_t>(std::countr_zero(bits | (1u << doubleKeys)));
+    return static_cast<std::uint32_t>(std::countr_zero(bits | (1u << keys)));
 #else
-    std::uint32_t count = 0;
-    for (std::uint32_t i = 0; i < doubleKeys; i += 2) {
+    std::size_t count = 0;
+    for (std::uint32_t i = 0; i < keys; ++i) {
       std::int16_t key;
-      std::memcpy(&key, leaf + i, sizeof key);
-      count += key <= keyOf(low) ? 2 : 0;
+      std::memcpy(&key, leaf + 2 * i, sizeof key);
+      count += key <= keyOf(low) ? 1 : 0;
     }
     return count;
 #endif
   }
 
   std::uint32_t searchLeaf(std::uint32_t word, std::uint32_t low) const noexcept {
-    const std::uint32_t doubleKeys = word & 31u;
+    const std::uint32_t keys = word & 31u;
     const unsigned char* const leaf = leafOf(word);
-    const std::uint32_t doubleCount = countKeys(leaf, doubleKeys, low);
+    const std::size_t count = countKeys(leaf, keys, low);
     // Read with the byte before it, which is always one of the line, the number is on top.
     std::uint32_t tuple;
-    std::memcpy(&tuple, leaf + doubleKeys + doubleCount + doubleCount / 2 - 1, sizeof tuple);
+    const unsigned char* const numbers = leaf + 2 * std::size_t{keys};
+    std::memcpy(&tuple, numbers + 3 * count - 1, sizeof tuple);
     return tuple >> 8;
   }
 };
