@@ -84,6 +84,10 @@ class TolvarReader {
  private:
   friend class TolvarAPI;
   explicit TolvarReader(const tolvar::ClientInternals& internals) noexcept;
+  TolvarReader(const tolvar::ClientInternals& internals, tolvar::ReadSection section) noexcept;
+
+  /// For a thread's first reader and for nested ones.
+  static TolvarReader otherwise(const tolvar::ClientInternals& internals) noexcept;
 
   tolvar::ReadSection _section;  // first, so that it covers the load of _tables
   const tolvar::LookupSnapshot* _tables;

@@ -103,6 +103,9 @@ class ReadSection {
     }
   }
 
+  /// The outermost section of a thread for which OutermostReadSection::possible(slot).
+  static ReadSection outermost(ReaderSlot* slot) noexcept { return ReadSection(slot); }
+
   ReadSection(ReadSection&& other) noexcept : _slot(std::exchange(other._slot, nullptr)) {}
   ReadSection& operator=(ReadSection&& other) noexcept {
     std::swap(_slot, other._slot);
@@ -119,6 +122,8 @@ class ReadSection {
   }
 
  private:
+  explicit ReadSection(ReaderSlot* slot) noexcept : _slot(slot) { epochs::announce(_slot); }
+
   ReaderSlot* _slot;
 };
 

@@ -8,12 +8,26 @@
 
 using tolvar::LookupSnapshot;
 
-// A call of its own would cost more than all the rest of it.
-[[gnu::always_inline]] inline TolvarReader::TolvarReader(
-    const tolvar::ClientInternals& internals) noexcept
+TolvarReader::TolvarReader(const tolvar::ClientInternals& internals) noexcept
     : _tables(internals.tables.peek()) {}
 
-TolvarReader TolvarAPI::read() const noexcept { return TolvarReader(*m_internals); }
+// A call of its own would cost more than all the rest of it.
+[[gnu::always_inline]] inline TolvarReader::TolvarReader(const tolvar::ClientInternals& internals,
+                                                         tolvar::ReadSection section) noexcept
+    : _section(std::move(section)), _tables(internals.tables.peek()) {}
+
+// Kept out of `read`, which then calls nothing and need not keep registers for others.
+[[gnu::noinline]] TolvarReader TolvarReader::otherwise(
+    const tolvar::ClientInternals& internals) noexcept {
+  return TolvarReader(internals);
+}
+
+TolvarReader TolvarAPI::read() const noexcept {
+  tolvar::ReaderSlot* const slot = tolvar::epochs::ownSlot();
+  if (!tolvar::OutermostReadSection::possible(slot)) [[unlikely]]
+    return TolvarReader::otherwise(*m_internals);
+  return TolvarReader(*m_internals, tolvar::ReadSection::outermost(slot));
+}
 
 bool TolvarReader::getIPInfo(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
   return _tables->finder.lookup(ip, info);
