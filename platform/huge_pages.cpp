@@ -39,6 +39,16 @@ void* mapHugePages(std::size_t bytes) {
   return reinterpret_cast<void*>(first);
 }
 
+void wishHugePages(void* memory, std::size_t bytes) noexcept {
+  const auto begin = reinterpret_cast<std::uintptr_t>(memory);
+  const std::uintptr_t first = (begin + kHugePageBytes - 1) / kHugePageBytes * kHugePageBytes;
+  const std::uintptr_t last = (begin + bytes) / kHugePageBytes * kHugePageBytes;
+  if (first >= last) return;
+  const int error = errno;
+  madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  errno = error;
+}
+
 void unmapHugePages(void* memory, std::size_t bytes) noexcept {
   const auto begin = reinterpret_cast<std::uintptr_t>(memory);
   unmap(begin, begin + wholePages(bytes));

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -214,12 +215,10 @@ bool TolvarAPI::connectRegions(int shm_index) {
 
 bool TolvarAPI::readImage(int shm_index, tolvar::ImageRecords* image) {
   try {
-    tolvar::SideTask codes([this, shm_index, image] {
-      for (int k = 0; k < kCodeTables; ++k)
-        image->codes[k] = tolvar::codeMapOf(tolvar::decodeCodes(m_code_vector_impl[k][shm_index]));
-    });
-    image->ranges = tolvar::decodeTable(m_ip_vector_impl[shm_index]);
-    codes.finish();
+    std::array<const CodeVector*, kCodeTables> codes;
+    for (int k = 0; k < kCodeTables; ++k)
+      codes[static_cast<std::size_t>(k)] = &m_code_vector_impl[k][shm_index];
+    *image = tolvar::decodeImage(m_ip_vector_impl[shm_index], codes);
     return true;
   } catch (const std::bad_alloc&) {
     throw;  // that is no fault of the image
@@ -283,17 +282,17 @@ void TolvarAPI::takeOverImage(tolvar::ImageRecords& image) {
     digestRanges();
     std::sort(image.ranges.begin(), image.ranges.end());
   }
-  tolvar::SideTask index([this, &image] {
-    m_internals->buildAll(image.ranges, std::make_shared<const tolvar::CodeNames>(image.codes));
-  });
+  tolvar::SideTask index([this, &image] { m_internals->buildAll(image.ranges, image.names); });
   if (sorted) digestRanges();
+  tolvar::CodeMap maps[kCodeTables];
+  for (int k = 0; k < kCodeTables; ++k) maps[k] = tolvar::codeMapOf(std::move(image.codes[k]));
   index.finish();
   takeDigest(digest, image.ranges.size());
 
   std::lock_guard<qel::ZU_ThreadMutex> hold(m_has_initialized_mutex);
   m_has_initialized = 3;
   m_ip_query_vec = std::move(image.ranges);
-  std::move(std::begin(image.codes), std::end(image.codes), std::begin(m_code_query_map));
+  std::move(std::begin(maps), std::end(maps), std::begin(m_code_query_map));
   m_internals->publishBuilt(m_ip_query_vec.size(), m_code_query_map);
   m_has_initialized_cond.broadcast();
 }

@@ -1,7 +1,9 @@
 #include "src/index/code_names.h"
 
+#include <algorithm>
 #include <bit>
 #include <stdexcept>
+#include <utility>
 
 namespace tolvar {
 namespace {
@@ -17,6 +19,11 @@ std::size_t slotOf(std::uint64_t id, unsigned shift) noexcept {
   return (id * kOdd) >> shift;
 }
 
+const ravel::CodeInfo& recordOf(const ravel::CodeInfo& code) { return code; }
+const ravel::CodeInfo& recordOf(const std::pair<const std::uint64_t, ravel::CodeInfo>& entry) {
+  return entry.second;
+}
+
 }  // namespace
 
 std::string_view labelName(std::uint32_t id) noexcept {
@@ -30,13 +37,20 @@ CodeNames::CodeNames() {
 }
 
 CodeNames::CodeNames(const std::unordered_map<std::uint64_t, ravel::CodeInfo> (&maps)[kTypes]) {
+  addAll(maps);
+}
+
+CodeNames::CodeNames(const std::vector<ravel::CodeInfo> (&lists)[kTypes]) { addAll(lists); }
+
+template <class Codes>
+void CodeNames::addAll(const Codes (&tables)[kTypes]) {
   std::size_t bytes = 0;
-  for (const auto& map : maps) {
-    for (const auto& [id, code] : map) bytes += code.content.size();
+  for (const Codes& codes : tables) {
+    for (const auto& code : codes) bytes += recordOf(code).content.size();
   }
   addLabels();
   _text.reserve(_text.size() + bytes + kReadableBytes);
-  for (std::size_t i = 0; i < _tables.size(); ++i) fill(&_tables[i], maps[i]);
+  for (std::size_t i = 0; i < _tables.size(); ++i) fill(&_tables[i], tables[i]);
   addReadableBytes();
 }
 
@@ -57,15 +71,38 @@ CodeNames::Place CodeNames::append(std::string_view name) {
 }
 
 void CodeNames::fill(Table* table, const std::unordered_map<std::uint64_t, ravel::CodeInfo>& map) {
-  const std::size_t slots = std::bit_ceil(2 * map.size() + 2);
+  makeSlots(table, map.size());
+  for (const auto& [id, code] : map) add(table, id, code.content);
+}
+
+void CodeNames::fill(Table* table, const std::vector<ravel::CodeInfo>& list) {
+  const auto idOf = [](const ravel::CodeInfo& code) { return static_cast<std::uint64_t>(code.ID); };
+  const auto disordered = [&](const auto& left, const auto& right) {
+    return idOf(left) >= idOf(right);
+  };
+  if (std::adjacent_find(list.begin(), list.end(), disordered) != list.end()) {
+    // An id may be there twice. That is nothing the client writes, so it need not be fast.
+    std::unordered_map<std::uint64_t, ravel::CodeInfo> map;
+    for (const ravel::CodeInfo& code : list) map.insert_or_assign(idOf(code), code);
+    return fill(table, map);
+  }
+  makeSlots(table, list.size());
+  for (const ravel::CodeInfo& code : list) add(table, idOf(code), code.content);
+}
+
+void CodeNames::makeSlots(Table* table, std::size_t codes) {
+  const std::size_t slots = std::bit_ceil(2 * codes + 2);
   table->slots.resize(slots);
   table->shift = 64 - static_cast<unsigned>(std::bit_width(slots) - 1);
-  for (const auto& [id, code] : map) {
-    if (code.content.empty()) continue;
-    std::size_t at = slotOf(id, table->shift);
-    while (table->slots[at].place.length != 0) at = (at + 1) & (slots - 1);
-    table->slots[at] = {id, append(code.content)};
-  }
+}
+
+/// Adds a name whose id the table does not have yet.
+void CodeNames::add(Table* table, std::uint64_t id, std::string_view name) {
+  if (name.empty()) return;
+  const std::size_t mask = table->slots.size() - 1;
+  std::size_t at = slotOf(id, table->shift);
+  while (table->slots[at].place.length != 0) at = (at + 1) & mask;
+  table->slots[at] = {id, append(name)};
 }
 
 CodeNames::Place CodeNames::findPlace(int type, std::uint64_t id) const noexcept {
@@ -75,6 +112,11 @@ CodeNames::Place CodeNames::findPlace(int type, std::uint64_t id) const noexcept
   std::size_t at = slotOf(id, table.shift);
   while (table.slots[at].place.length != 0 && table.slots[at].id != id) at = (at + 1) & mask;
   return table.slots[at].place;
+}
+
+void CodeNames::prefetch(int type, std::uint64_t id) const noexcept {
+  const Table& table = _tables[static_cast<std::size_t>(type)];
+  __builtin_prefetch(&table.slots[slotOf(id, table.shift)]);
 }
 
 CodeNames::Place CodeNames::labelPlace(std::uint32_t id) const noexcept {

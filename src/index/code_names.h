@@ -42,6 +42,9 @@ class CodeNames {
   /// name. Throws std::bad_alloc, and std::length_error when the names take 4 GiB or more.
   explicit CodeNames(const std::unordered_map<std::uint64_t, ravel::CodeInfo> (&maps)[kTypes]);
 
+  /// The same of one list for each code type; of several entries with one id the last counts.
+  explicit CodeNames(const std::vector<ravel::CodeInfo> (&lists)[kTypes]);
+
   /// Name of `id`; empty when the table has none and when `type` is outside 0 to 7.
   std::string_view find(int type, std::uint64_t id) const noexcept {
     return view(findPlace(type, id));
@@ -49,6 +52,10 @@ class CodeNames {
 
   /// The same as a place in the text.
   Place findPlace(int type, std::uint64_t id) const noexcept;
+
+  /// Begins to fetch what findPlace reads, or the text of a place, from memory.
+  void prefetch(int type, std::uint64_t id) const noexcept;
+  void prefetch(Place place) const noexcept { __builtin_prefetch(_text.data() + place.offset); }
 
   /// Place of labelName(id) in the text.
   Place labelPlace(std::uint32_t id) const noexcept;
@@ -66,14 +73,20 @@ class CodeNames {
     Place place;  ///< length 0: free; an empty name needs no slot
   };
   struct Table {
-    std::vector<Slot> slots;  ///< a power of two, at most half of them taken, at least one free
-    unsigned shift = 63;      ///< what of a hash chooses the slot
+    /// A power of two, at most half of them taken, at least one free.
+    std::vector<Slot, qel::HugePageAllocator<Slot>> slots;
+    unsigned shift = 63;  ///< what of a hash chooses the slot
   };
 
   void addLabels();
   void addReadableBytes();
   Place append(std::string_view name);
+  template <class Codes>
+  void addAll(const Codes (&tables)[kTypes]);
   void fill(Table* table, const std::unordered_map<std::uint64_t, ravel::CodeInfo>& map);
+  void fill(Table* table, const std::vector<ravel::CodeInfo>& list);
+  void makeSlots(Table* table, std::size_t codes);
+  void add(Table* table, std::uint64_t id, std::string_view name);
 
   std::vector<char, qel::HugePageAllocator<char>> _text;
   std::array<Table, kTypes> _tables;

@@ -26,6 +26,9 @@ constexpr std::size_t leafUnits(std::size_t keys) {
 /// need be with other leaves in them.
 constexpr std::size_t kReadUnits = 3;
 
+/// Ranges whose tuples are looked for before their turn.
+constexpr std::size_t kAhead = 16;
+
 /// How many address bits a sub-directory over 2^bits addresses had best resolve for the sorted
 /// break points `keyAt(0)` to `keyAt(count - 1)`, counted from its start: the number with the
 /// lowest price, which is its words' bytes and, for each part that has more break points than a
@@ -63,7 +66,7 @@ std::uint32_t directoryBits(std::size_t count, std::uint32_t bits, std::size_t l
 
 RangeIndex RangeIndex::build(std::span<const ravel::IPProperty> ranges) {
   RangeIndexBuilder builder(ranges.size());
-  for (const ravel::IPProperty& range : ranges) builder.add(range);
+  builder.add(ranges);
   return builder.finish();
 }
 
@@ -75,19 +78,33 @@ RangeIndexBuilder::RangeIndexBuilder(std::size_t expectedRanges) {
   _tuples.emplace_back();
 }
 
-void RangeIndexBuilder::add(const ravel::IPProperty& range) {
+void RangeIndexBuilder::add(std::span<const ravel::IPProperty> ranges) {
+  std::array<std::uint64_t, kAhead> hashes;
+  const auto prepare = [&](std::size_t i) {
+    if (i < ranges.size()) hashes[i % kAhead] = _pool.prepare(ranges[i]);
+  };
+  for (std::size_t i = 0; i < kAhead; ++i) prepare(i);
+  for (std::size_t i = 0; i < ranges.size(); ++i) {
+    const std::uint64_t hash = hashes[i % kAhead];
+    prepare(i + kAhead);
+    add(ranges[i], hash);
+  }
+}
+
+void RangeIndexBuilder::add(const ravel::IPProperty& range, std::uint64_t hash) {
   ++_index._rangeCount;
   // Earlier ranges start no later, so of this range they cover exactly what lies below _uncovered.
   const std::uint64_t start = std::max<std::uint64_t>(range.startIP, _uncovered);
   if (range.endIP < range.startIP || range.endIP < start) return;
   if (start > _uncovered) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
-  setFrom(static_cast<std::uint32_t>(start), tupleOf(range));
+  setFrom(static_cast<std::uint32_t>(start), tupleOf(range, hash));
   _uncovered = std::uint64_t{range.endIP} + 1;
 }
 
 RangeIndex RangeIndexBuilder::finish() {
   if (_uncovered < kAddresses) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
   closeBucketsBefore(RangeIndex::kBuckets);
+  _pool = TuplePool();
   appendTuples();
   _index._ownWords.shrink_to_fit();
   _index._words = _index._ownWords.data();
@@ -96,9 +113,9 @@ RangeIndex RangeIndexBuilder::finish() {
   return std::move(_index);
 }
 
-std::uint32_t RangeIndexBuilder::tupleOf(const ravel::IPProperty& range) {
+std::uint32_t RangeIndexBuilder::tupleOf(const ravel::IPProperty& range, std::uint64_t hash) {
   bool isNew;
-  const std::uint32_t number = _pool.number(range, &isNew);
+  const std::uint32_t number = _pool.number(range, hash, &isNew);
   if (isNew) {
     if (number >= RangeIndex::kTupleLimit) {
       throw std::length_error("the IP table has too many distinct attribute tuples to index");

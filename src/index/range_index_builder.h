@@ -17,8 +17,8 @@ class RangeIndexBuilder {
  public:
   explicit RangeIndexBuilder(std::size_t expectedRanges);
 
-  /// Adds the next range in order. Throws std::bad_alloc and std::length_error.
-  void add(const ravel::IPProperty& range);
+  /// Adds the next ranges in order. Throws std::bad_alloc and std::length_error.
+  void add(std::span<const ravel::IPProperty> ranges);
 
   /// The finished index; the builder is used up.
   RangeIndex finish();
@@ -46,7 +46,8 @@ class RangeIndexBuilder {
     std::uint32_t shift;
   };
 
-  std::uint32_t tupleOf(const ravel::IPProperty& range);
+  void add(const ravel::IPProperty& range, std::uint64_t hash);
+  std::uint32_t tupleOf(const ravel::IPProperty& range, std::uint64_t hash);
   void setFrom(std::uint32_t address, std::uint32_t tuple);
   void closeBucketsBefore(std::uint32_t bucket);
 
@@ -60,8 +61,8 @@ class RangeIndexBuilder {
 
   static constexpr std::size_t kLineUnits = RangeIndex::kLineBytes / RangeIndex::kUnitBytes;
 
-  RangeIndex _index;                   ///< its lines are those with leaves until the end
-  std::vector<ravel::IPInfo> _tuples;  ///< by number
+  RangeIndex _index;  ///< its lines are those with leaves until the end
+  std::vector<ravel::IPInfo, qel::HugePageAllocator<ravel::IPInfo>> _tuples;  ///< by number
   TuplePool _pool;
   std::uint64_t _uncovered = 0;  ///< first address that no range so far reaches
   std::uint32_t _current = 0;    ///< tuple that holds from the last break point on

@@ -52,9 +52,12 @@ class TupleNames {
   using Views = std::array<std::string_view, kNames>;
 
   /// Of all tuples but 0, in order.
-  std::vector<Places> findPlaces(const RangeIndex& ranges) const;
-  void chooseSize(const std::vector<Places>& places);
-  IPNameView::Ends write(const Places& places, char* row);
+  using PlacesOfAll = std::vector<Places, qel::HugePageAllocator<Places>>;
+
+  void findPlaces(const RangeIndex& ranges, std::size_t begin, std::size_t end, Places* all) const;
+  void chooseSize(const PlacesOfAll& places);
+  void write(const PlacesOfAll& places, std::size_t begin, std::size_t end);
+  IPNameView::Ends writeText(const Places& places, char* row) const;
 
   std::shared_ptr<const CodeNames> _codes;
   std::size_t _tuples;

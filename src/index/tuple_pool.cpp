@@ -42,13 +42,19 @@ std::uint64_t TuplePool::hash(const Key& key) noexcept {
   return mixed ^ (mixed >> 32);
 }
 
-std::uint32_t TuplePool::number(const ravel::IPProperty& range, bool* isNew) {
+std::uint64_t TuplePool::prepare(const ravel::IPProperty& range) const noexcept {
+  const std::uint64_t hash = TuplePool::hash(keyOf(range));
+  __builtin_prefetch(&_slots[hash & (_slots.size() - 1)]);
+  return hash;
+}
+
+std::uint32_t TuplePool::number(const ravel::IPProperty& range, std::uint64_t hash, bool* isNew) {
   const Key key = keyOf(range);
   *isNew = false;
   if (_last.number != 0 && _last.key == key) return _last.number;
   if (2 * (std::size_t{_used} + 1) > _slots.size()) grow();
   const std::size_t mask = _slots.size() - 1;
-  std::size_t at = hash(key) & mask;
+  std::size_t at = hash & mask;
   while (_slots[at].number != 0 && !(_slots[at].key == key)) at = (at + 1) & mask;
   if (_slots[at].number == 0) {
     _slots[at] = {key, ++_used};
@@ -59,7 +65,7 @@ std::uint32_t TuplePool::number(const ravel::IPProperty& range, bool* isNew) {
 }
 
 void TuplePool::grow() {
-  std::vector<Slot> larger(_slots.size() * 2);
+  std::vector<Slot, qel::HugePageAllocator<Slot>> larger(_slots.size() * 2);
   const std::size_t mask = larger.size() - 1;
   for (const Slot& slot : _slots) {
     if (slot.number == 0) continue;

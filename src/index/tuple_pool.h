@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/huge_pages.h"
 #include "records/records.h"
 
 namespace tolvar {
@@ -21,7 +22,14 @@ class TuplePool {
 
   /// Number of the tuple of `range`; `isNew` says whether it was handed out for the first time. Two
   /// ranges share a number exactly when `unpack` answers the same for both. Throws std::bad_alloc.
-  std::uint32_t number(const ravel::IPProperty& range, bool* isNew);
+  std::uint32_t number(const ravel::IPProperty& range, bool* isNew) {
+    return number(range, hash(keyOf(range)), isNew);
+  }
+
+  /// The same in two steps, with other work in between that the wait for memory hides behind: the
+  /// first answers what the second takes as `hash`.
+  std::uint64_t prepare(const ravel::IPProperty& range) const noexcept;
+  std::uint32_t number(const ravel::IPProperty& range, std::uint64_t hash, bool* isNew);
 
  private:
   struct Key {
@@ -42,7 +50,7 @@ class TuplePool {
   static std::uint64_t hash(const Key& key) noexcept;
   void grow();
 
-  std::vector<Slot> _slots;
+  std::vector<Slot, qel::HugePageAllocator<Slot>> _slots;
   std::uint32_t _used = 0;
   Slot _last{};
 };

@@ -72,6 +72,28 @@ TEST(CodeNames, AgreesWithTheMaps) {
   }
 }
 
+TEST(CodeNames, OfAListTheLastEntryWithAnIdCounts) {
+  const auto entry = [](std::int64_t id, const std::string& name) {
+    ravel::CodeInfo result = code(name);
+    result.ID = id;
+    return result;
+  };
+  std::vector<ravel::CodeInfo> lists[8];
+  lists[0] = {entry(1, "one"), entry(5, "five"), entry(7, "")};
+  lists[1] = {entry(5, "old"), entry(5, "new"), entry(6, "gone"), entry(6, "")};
+  lists[2] = {entry(9, "first"), entry(3, "three"), entry(9, "last"), entry(-1, "below")};
+  const CodeNames names(lists);
+  EXPECT_EQ(names.find(0, 1), "one");
+  EXPECT_EQ(names.find(0, 5), "five");
+  EXPECT_EQ(names.find(0, 7), "");
+  EXPECT_EQ(names.find(1, 5), "new");
+  EXPECT_EQ(names.find(1, 6), "");
+  EXPECT_EQ(names.find(2, 9), "last");
+  EXPECT_EQ(names.find(2, 3), "three");
+  EXPECT_EQ(names.find(2, UINT64_MAX), "below");
+  EXPECT_EQ(names.find(3, 1), "");
+}
+
 TEST(CodeNames, LabelsAreFifteen) {
   const char* const labels[] = {
       "",           "FROM_QK", "FROM_RTL",    "FROM_RTL_HMV", "FROM_PLEX1",

@@ -116,6 +116,23 @@ TEST(TupleNames, AgreesWithTheCodesOfEveryTuple) {
   }
 }
 
+TEST(TupleNames, ATableOfManyTuplesKeepsTheNamesThatFitNoRow) {
+  constexpr std::uint32_t kTuples = 40000;
+  const auto nameOf = [](std::uint32_t i) {
+    return "d" + std::to_string(i) + (i % 5000 == 1 ? std::string(400, 'x') : "");
+  };
+  Maps maps;
+  ravel::vIPProperty table;
+  for (std::uint32_t i = 0; i < kTuples; ++i) {
+    table.push_back(range(i, static_cast<std::int64_t>(i) * 7919));
+    maps[3][i * std::uint64_t{7919}].content = nameOf(i);
+  }
+  const auto index = indexOf(table);
+  const TupleNames names(*index, std::make_shared<const CodeNames>(maps));
+  for (std::uint32_t i = 0; i < kTuples; ++i)
+    ASSERT_EQ(names.row(index->findTuple(i)).district(), nameOf(i));
+}
+
 TEST(LookupSnapshot, NewRangesKeepTheCodesAndTheOtherWayRound) {
   Maps maps;
   fill(maps);
