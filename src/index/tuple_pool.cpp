@@ -7,6 +7,9 @@ namespace {
 
 constexpr std::size_t kFirstSlots = 1024;  // a power of two
 
+/// So many lie near enough to the processor for nothing to be gained by fetching them early.
+constexpr std::size_t kNearSlots = 4096;
+
 }  // namespace
 
 TuplePool::TuplePool() : _slots(kFirstSlots) {}
@@ -43,6 +46,7 @@ std::uint64_t TuplePool::hash(const Key& key) noexcept {
 }
 
 std::uint64_t TuplePool::prepare(const ravel::IPProperty& range) const noexcept {
+  if (_slots.size() <= kNearSlots) return kNotHashed;
   const std::uint64_t hash = TuplePool::hash(keyOf(range));
   __builtin_prefetch(&_slots[hash & (_slots.size() - 1)]);
   return hash;
@@ -54,7 +58,7 @@ std::uint32_t TuplePool::number(const ravel::IPProperty& range, std::uint64_t ha
   if (_last.number != 0 && _last.key == key) return _last.number;
   if (2 * (std::size_t{_used} + 1) > _slots.size()) grow();
   const std::size_t mask = _slots.size() - 1;
-  std::size_t at = hash & mask;
+  std::size_t at = (hash != kNotHashed ? hash : TuplePool::hash(key)) & mask;
   while (_slots[at].number != 0 && !(_slots[at].key == key)) at = (at + 1) & mask;
   if (_slots[at].number == 0) {
     _slots[at] = {key, ++_used};

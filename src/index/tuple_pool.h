@@ -23,7 +23,7 @@ class TuplePool {
   /// Number of the tuple of `range`; `isNew` says whether it was handed out for the first time. Two
   /// ranges share a number exactly when `unpack` answers the same for both. Throws std::bad_alloc.
   std::uint32_t number(const ravel::IPProperty& range, bool* isNew) {
-    return number(range, hash(keyOf(range)), isNew);
+    return number(range, kNotHashed, isNew);
   }
 
   /// The same in two steps, with other work in between that the wait for memory hides behind: the
@@ -45,6 +45,9 @@ class TuplePool {
     Key key;
     std::uint32_t number;  ///< 0: free
   };
+
+  /// A tuple whose hash is this one is looked for without preparation.
+  static constexpr std::uint64_t kNotHashed = 0;
 
   static Key keyOf(const ravel::IPProperty& range) noexcept;
   static std::uint64_t hash(const Key& key) noexcept;
