@@ -62,7 +62,10 @@ void registerLookups(Scene& scene);
 /// Lookups while the table is replaced.
 void registerReplacement(Scene& scene);
 
-/// Attach, publication, index build; memory.
+/// Attach, publication, index build.
 void registerTables(Scene& scene);
+
+/// Memory of a client while it takes over a table.
+void registerMemory(Scene& scene);
 
 }  // namespace tolvar_bench

@@ -9,7 +9,7 @@
 /// same table, in one process. Names of lookup cases are queries/form/contestant, and their times
 /// are nanoseconds per address.
 ///
-///   client_bench --table=geoip|RANGES --group=lookups|replacement|tables [benchmark flags]
+///   client_bench --table=geoip|RANGES --group=lookups|replacement|tables|memory [benchmark flags]
 ///
 /// RANGES is a number of synthetic ranges. The client is filled by a service in this process; its
 /// shared memory has keys of its own and is removed at the end.
@@ -43,7 +43,7 @@ int run(int argc, char** argv) {
   const char* const group = takeFlag("--group", &argc, argv);
   if (table == nullptr || group == nullptr) {
     std::fprintf(stderr,
-                 "usage: %s --table=geoip|RANGES --group=lookups|replacement|tables "
+                 "usage: %s --table=geoip|RANGES --group=lookups|replacement|tables|memory "
                  "[benchmark flags]\n",
                  argv[0]);
     return 2;
@@ -58,6 +58,8 @@ int run(int argc, char** argv) {
     registerReplacement(scene);
   } else if (wanted == "tables") {
     registerTables(scene);
+  } else if (wanted == "memory") {
+    registerMemory(scene);
   } else {
     std::fprintf(stderr, "client_bench: there is no group \"%s\"\n", group);
     return 2;

@@ -220,7 +220,8 @@ repetitions; `attach`, `publish` and `build` are milliseconds. Synthetic tables 
 mapping and decoding the image and the digest. `publish` is what the client takes from the last page
 of a download until both segments are complete; its parts alone are the digest and writing and copying
 as many bytes as the image has. In `latency/replacing` a second thread indexes and publishes the table
-again and again without a pause. A busy machine shows in every figure, in the tails most of all.
+again and again without a pause. `update` takes a new version over in a process that did nothing else.
+A busy machine shows in every figure, in the tails most of all.
 
 )";
   std::cout << "Machine: " << context.value("num_cpus", 0) << " processors at "

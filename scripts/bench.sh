@@ -73,6 +73,7 @@ for table in $tables; do
     --benchmark_enable_random_interleaving=true
   measure "$table" replacement --benchmark_filter=-guard --benchmark_repetitions=3
   measure "$table" tables --benchmark_filter=-guard
+  measure "$table" memory --benchmark_filter=-guard
 done
 
 # shellcheck disable=SC2086 # the file names are words
