@@ -42,7 +42,7 @@ int runRole(const std::vector<std::string>& arguments) {
   else if (role == "start")
     print(measureStart(target));
   else if (role == "hosts")
-    print(measureHosts(target, number(4), number(5), number(6) != 0));
+    print(measureHosts(target, number(4), number(5), HostWork{number(6)}));
   else if (role == "checks")
     print(measureChecks(target, number(4), number(5)));
   else if (role == "downloads")
@@ -107,18 +107,17 @@ void measureAll(const NetBenchOptions& options, Figures* figures) {
   add("start.", bestOf(3, "total_ms", false, [&] { return server.run("start"); }), figures);
   const std::string hosts = std::to_string(options.hosts);
   const std::string pages = std::to_string(options.pages);
-  add("hosts.",
-      bestOf(2, "server_ms_per_page", false,
-             [&] {
-               return server.run("hosts", {hosts, pages, "1"});
-             }),
+  const auto runHosts = [&](HostWork work) {
+    return server.run("hosts", {hosts, pages, std::to_string(static_cast<int>(work))});
+  };
+  add("hosts.", bestOf(2, "server_ms_per_page", false, [&] { return runHosts(HostWork::Decode); }),
       figures);
   add("receivers.",
-      bestOf(2, "pages_per_second", true,
-             [&] {
-               return server.run("hosts", {hosts, pages, "0"});
-             }),
+      bestOf(2, "pages_per_second", true, [&] { return runHosts(HostWork::Receive); }), figures);
+  add("bare.", bestOf(2, "server_ms_per_page", false, [&] { return runHosts(HostWork::Bare); }),
       figures);
+  (*figures)["bare.share"] =
+      figures->at("bare.server_ms_per_page") / figures->at("bare.client_ms_per_page");
   const bool cores = std::thread::hardware_concurrency() > 1;
   const std::vector<std::string> checks{"16", "2"};
   add("checks.idle.", server.run("checks", checks, cores ? 0 : -1), figures);

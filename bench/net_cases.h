@@ -29,9 +29,12 @@ Figures measureColdStart(const NetTarget& target);
 /// the main thread, before anything of gRPC.
 Figures measureStart(const NetTarget& target);
 
-/// `hosts` connections that all fetch `pages` pages at once. With `decode`, the hosts turn them
-/// into records as clients do.
-Figures measureHosts(const NetTarget& target, int hosts, int pages, bool decode);
+/// What hosts do: drop the pages of the service, turn them into records as clients do, or fetch as
+/// many bytes from the bare service and decode a page of their own for each, which keeps the pace.
+enum class HostWork { Receive, Decode, Bare };
+
+/// `hosts` connections that all fetch `pages` pages at once.
+Figures measureHosts(const NetTarget& target, int hosts, int pages, HostWork work);
 
 /// Change checks of `hosts` connections in turn for `seconds`.
 Figures measureChecks(const NetTarget& target, int hosts, int seconds);

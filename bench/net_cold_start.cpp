@@ -47,13 +47,9 @@ std::vector<ByteBuffer> fetchBytes(const NetTarget& target, const std::vector<Pa
                                            hostOptions(target.service));
   std::vector<ByteBuffer> pages;
   for (const PageQuery& query : queries) {
-    tolvar::v1::PageRequest request;
-    request.set_high(query.high);
-    request.set_low(query.low);
-    request.set_size(query.size);
     grpc::ClientContext context;
-    if (!tolvar::callForPage(channel, tolvar::kFirstDownloadPageMethod, context, request,
-                             pages.emplace_back())
+    if (!tolvar::callForPage(channel, tolvar::kFirstDownloadPageMethod, context,
+                             tolvar::pageRequest(query), pages.emplace_back())
              .ok())
       throw std::runtime_error("a page cannot be fetched");
   }

@@ -36,6 +36,12 @@ std::shared_ptr<grpc::Channel> hostChannel(const std::string& address) {
   return tolvar::makeChannel(address, grpc::InsecureChannelCredentials(), hostOptions(address));
 }
 
+/// The bytes of a message, or of a text.
+grpc::ByteBuffer bytesOf(const std::string& text) {
+  const grpc::Slice slice(text);
+  return grpc::ByteBuffer(&slice, 1);
+}
+
 /// One host: a connection of its own, on which it fetches one page after the other.
 class Host {
  public:
@@ -43,18 +49,12 @@ class Host {
       : _queue(queue), _channel(hostChannel(address)), _stub(_channel) {}
 
   void fetch(const PageQuery& query) {
-    v1::PageRequest request;
-    request.set_high(query.high);
-    request.set_low(query.low);
-    request.set_size(query.size);
     _query = query;
-    _context = std::make_unique<grpc::ClientContext>();
-    _answer.Clear();
-    _call =
-        _stub.PrepareUnaryCall(_context.get(), tolvar::kFirstDownloadPageMethod, request, &_queue);
-    _call->StartCall();
-    _call->Finish(&_answer, &_status, this);
+    send(bytesOf(tolvar::pageRequest(query).SerializeAsString()));
   }
+
+  /// Any bytes, from a bare service.
+  void fetchBare(std::size_t bytes) { send(bytesOf(std::to_string(bytes))); }
 
   void check() const {
     grpc::ClientContext context;
@@ -66,21 +66,30 @@ class Host {
       throw std::runtime_error("a host got no reset");
   }
 
-  /// After a page arrived. Throws when the call failed or the page is not right.
-  void finish(bool decode) {
+  /// After a page arrived. Throws when the call failed.
+  void finish() {
     if (!_status.ok()) throw std::runtime_error("a page failed: " + _status.error_message());
     ++pages;
-    if (!decode) return;
-    ravel::downloadInfo info;
-    tolvar::wire::decodePage(tolvar::wire::PageBytes(_answer), _query, info);
   }
+
+  const grpc::ByteBuffer& answer() const noexcept { return _answer; }
+  const PageQuery& query() const noexcept { return _query; }
 
   int pages = 0;
 
  private:
+  void send(const grpc::ByteBuffer& request) {
+    _context = std::make_unique<grpc::ClientContext>();
+    _answer.Clear();
+    _call =
+        _stub.PrepareUnaryCall(_context.get(), tolvar::kFirstDownloadPageMethod, request, &_queue);
+    _call->StartCall();
+    _call->Finish(&_answer, &_status, this);
+  }
+
   grpc::CompletionQueue& _queue;
   std::shared_ptr<grpc::Channel> _channel;
-  grpc::TemplatedGenericStub<v1::PageRequest, grpc::ByteBuffer> _stub;
+  grpc::GenericStub _stub;
   PageQuery _query;
   std::unique_ptr<grpc::ClientContext> _context;
   std::unique_ptr<grpc::ClientAsyncResponseReader<grpc::ByteBuffer>> _call;
@@ -88,30 +97,98 @@ class Host {
   grpc::Status _status;
 };
 
+/// Makes records of a page, as clients do. Throws when it is not right.
+void decodePage(const grpc::ByteBuffer& page, const PageQuery& query) {
+  ravel::downloadInfo info;
+  tolvar::wire::decodePage(tolvar::wire::PageBytes(page), query, info);
+}
+
+/// Waits for an answer; the host whose page it is.
+Host& nextHost(grpc::CompletionQueue& queue) {
+  void* tag = nullptr;
+  bool done = false;
+  if (!queue.Next(&tag, &done)) throw std::runtime_error("a completion queue ended");
+  Host& host = *static_cast<Host*>(tag);
+  host.finish();
+  return host;
+}
+
+/// What the hosts fetch, one after the other, and do with it: pages of the service, or as many
+/// bytes of the bare one, for each of which they decode a page fetched beforehand.
+class Fetches {
+ public:
+  Fetches(const NetTarget& target, int pages, HostWork work)
+      : _queries(pageQueries(target.service)), _work(work) {
+    if (_work != HostWork::Bare) return;
+    grpc::CompletionQueue queue;
+    Host host(target.service, queue);
+    for (int i = 0; i < pages; ++i) {
+      host.fetch(query(i));
+      _pages.push_back(nextHost(queue).answer());
+    }
+    shutDown(queue);
+  }
+
+  void connect(Host& host, grpc::CompletionQueue& queue) const {
+    if (_work != HostWork::Bare) return host.check();
+    host.fetchBare(1);
+    nextHost(queue).pages = 0;
+  }
+
+  void next(Host& host) const {
+    if (_work == HostWork::Bare)
+      host.fetchBare(page(host.pages).Length());
+    else
+      host.fetch(query(host.pages));
+  }
+
+  /// After an answer.
+  void use(const Host& host) const {
+    if (_work == HostWork::Decode) decodePage(host.answer(), host.query());
+    if (_work == HostWork::Bare) decodePage(page(host.pages - 1), query(host.pages - 1));
+  }
+
+  static void shutDown(grpc::CompletionQueue& queue) {
+    queue.Shutdown();
+    void* tag = nullptr;
+    bool done = false;
+    while (queue.Next(&tag, &done)) {
+    }
+  }
+
+ private:
+  const PageQuery& query(int page) const {
+    return _queries[static_cast<std::size_t>(page) % _queries.size()];
+  }
+
+  const grpc::ByteBuffer& page(int index) const { return _pages[static_cast<std::size_t>(index)]; }
+
+  const std::vector<PageQuery> _queries;
+  const HostWork _work;
+  std::vector<grpc::ByteBuffer> _pages;
+};
+
 }  // namespace
 
-Figures measureHosts(const NetTarget& target, int hosts, int pages, bool decode) {
-  const std::vector<PageQuery> queries = pageQueries(target.service);
+Figures measureHosts(const NetTarget& target, int hosts, int pages, HostWork work) {
+  const Fetches fetches(target, pages, work);
   grpc::CompletionQueue queue;
   std::vector<std::unique_ptr<Host>> all;
   for (int i = 0; i < hosts; ++i) {
-    all.push_back(std::make_unique<Host>(target.service, queue));
-    all.back()->check();
+    all.push_back(
+        std::make_unique<Host>(work == HostWork::Bare ? target.bare : target.service, queue));
+    fetches.connect(*all.back(), queue);
   }
   const double connected = memoryBytes(target.pid, "VmRSS");
   resetPeakMemory(target.pid);
   const ProcessorTime serverBefore = processorTime(target.pid);
   const ProcessorTime clientBefore = processorTime(getpid());
   const Clock::time_point begin = Clock::now();
-  for (const auto& host : all) host->fetch(queries[0]);
-  void* tag = nullptr;
-  bool done = false;
+  for (const auto& host : all) fetches.next(*host);
   for (int left = hosts * pages; left > 0; --left) {
-    queue.Next(&tag, &done);
-    Host& host = *static_cast<Host*>(tag);
-    host.finish(decode);
-    if (host.pages < pages)
-      host.fetch(queries[static_cast<std::size_t>(host.pages) % queries.size()]);
+    Host& host = nextHost(queue);
+    fetches.use(host);
+    if (host.pages < pages) fetches.next(host);
   }
   const double seconds = secondsSince(begin);
   const double total = static_cast<double>(hosts) * pages;
@@ -124,9 +201,7 @@ Figures measureHosts(const NetTarget& target, int hosts, int pages, bool decode)
   figures["server_kernel_ms_per_page"] = perPage * (server.kernel - serverBefore.kernel);
   figures["server_connected_bytes"] = connected;
   figures["server_peak_bytes"] = memoryBytes(target.pid, "VmHWM");
-  queue.Shutdown();
-  while (queue.Next(&tag, &done)) {
-  }
+  Fetches::shutDown(queue);
   return figures;
 }
 
@@ -145,7 +220,8 @@ void runDownloads(const NetTarget& target) {
   int waiting = kConnections;
   while (waiting > 0 && queue.Next(&tag, &done)) {
     Host& host = *static_cast<Host*>(tag);
-    host.finish(true);
+    host.finish();
+    decodePage(host.answer(), host.query());
     if (inputOpen())
       host.fetch(queries[++next % queries.size()]);
     else

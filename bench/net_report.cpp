@@ -94,14 +94,18 @@ void printHosts(const NetBenchOptions& options, const Figures& f) {
       "## %d hosts at once\n\n"
       "All have a connection of their own, got a reset, and fetch %d pages each. `decoding` hosts\n"
       "make records of them as clients do, `receiving` ones drop the bytes. The hosts share one\n"
-      "thread, so that they rather than the service limit the pages per second. Memory is that of "
-      "the\n"
-      "service's process, table, wire form and connections included.\n\n",
+      "thread, so that they rather than the service limit the pages per second. `bare` is a gRPC\n"
+      "service that sends as many bytes, kept in one piece, to hosts that decode as many pages:\n"
+      "what is beyond it is the lookup service's own. Memory is that of the service's process,\n"
+      "table, wire form and connections included.\n\n",
       options.hosts, options.pages);
   printRows(f, {{"pages per second, decoding", "hosts.pages_per_second", 1, "%.0f"},
                 {"pages per second, receiving", "receivers.pages_per_second", 1, "%.0f"},
                 {"service CPU per page, ms", "hosts.server_ms_per_page", 1, "%.3f"},
                 {"- of it in the kernel, ms", "hosts.server_kernel_ms_per_page", 1, "%.3f"},
+                {"bare service CPU per page, ms", "bare.server_ms_per_page", 1, "%.3f"},
+                {"- of it in the kernel, ms", "bare.server_kernel_ms_per_page", 1, "%.3f"},
+                {"CPU per page, the bare service's to its hosts'", "bare.share", 1, "%.2f"},
                 {"host CPU per page, decoding, ms", "hosts.client_ms_per_page", 1, "%.3f"},
                 {"host CPU per page, receiving, ms", "receivers.client_ms_per_page", 1, "%.3f"},
                 {"memory, all connected, MB", "hosts.server_connected_bytes", 1e-6, "%.0f"},

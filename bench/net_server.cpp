@@ -37,7 +37,7 @@ class BareHandlers final
       reactor->Finish(grpc::Status::OK);
       return reactor;
     }
-    if (!request->TrySingleSlice(&text).ok()) {
+    if (!request->DumpToSingleSlice(&text).ok()) {
       reactor->Finish(grpc::Status(grpc::StatusCode::INVALID_ARGUMENT, "no number"));
       return reactor;
     }

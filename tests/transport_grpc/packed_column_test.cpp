@@ -47,6 +47,45 @@ TEST(PackedColumn, GivesBackAnyValuesInRunsOfAnyLength) {
   }
 }
 
+TEST(PackedColumn, GivesBackNarrowValuesWhateverLongOnesLieBetween) {
+  std::mt19937_64 random(13);
+  for (int round = 0; round < 2000; ++round) {
+    std::vector<std::uint32_t> values(1 + random() % 400);
+    const std::uint64_t longOnes = 1 + random() % 500;
+    for (std::uint32_t& value : values)
+      value = static_cast<std::uint32_t>(random() >>
+                                         (random() % longOnes == 0 ? 32 : 36 + random() % 28));
+    Bytes bytes;
+    for (const std::uint32_t value : values) append(value, bytes);
+    const PageBytes page(bytes);
+    PackedColumn column(page.bytes());
+    std::vector<std::uint32_t> taken(values.size());
+    const std::size_t first = random() % values.size();
+    ASSERT_TRUE(column.take(first, taken.data()));
+    ASSERT_TRUE(column.take(values.size() - first, taken.data() + first));
+    ASSERT_EQ(taken, values);
+    ASSERT_TRUE(column.atEnd());
+  }
+}
+
+TEST(PackedColumn, RunsAreSeenAndLeftOut) {
+  Bytes bytes(300, 2);
+  bytes[200] = 3;
+  const PageBytes page(bytes);
+  PackedColumn column(page.bytes());
+  EXPECT_TRUE(column.startsWithRun(1, 2));
+  EXPECT_TRUE(column.startsWithRun(200, 2));
+  EXPECT_FALSE(column.startsWithRun(201, 2));
+  EXPECT_FALSE(column.startsWithRun(200, 3));
+  column.skipRun(200);
+  EXPECT_TRUE(column.startsWithRun(1, 3));
+  column.skipRun(1);
+  EXPECT_FALSE(column.startsWithRun(100, 2));
+  EXPECT_TRUE(column.startsWithRun(99, 2));
+  column.skipRun(99);
+  EXPECT_TRUE(column.atEnd());
+}
+
 TEST(PackedColumn, KnowsOfBytesThatNoValueEnds) {
   for (std::size_t whole = 0; whole < 130; ++whole) {
     Bytes bytes(whole, 5);

@@ -69,6 +69,28 @@ std::string randomPageBytes(std::mt19937_64& random, std::size_t count) {
   return page.SerializeAsString();
 }
 
+/// A page as services send it: one time stamp, sequences that mostly count up by one, short values.
+/// One in `gap` records breaks the count.
+std::string servicePageBytes(std::mt19937_64& random, std::size_t count, std::uint64_t gap,
+                             ravel::IPProperty first) {
+  std::vector<ravel::IPProperty> ranges;
+  for (std::size_t i = 0; i < count; ++i) {
+    ravel::IPProperty range = ranges.empty() ? first : ranges.back();
+    if (!ranges.empty()) {
+      range.sequence += random() % gap == 0 ? 2 + static_cast<std::uint32_t>(random() % 300) : 1;
+      range.startIP = range.endIP + 1 + static_cast<std::uint32_t>(random() % 3 * 256);
+    }
+    range.endIP = range.startIP + static_cast<std::uint32_t>(random() >> (48 + random() % 16));
+    range.place = static_cast<std::int64_t>(random() % 240 * 1000000000);
+    range.oper = static_cast<std::uint32_t>(random() % 211);
+    range.apn = static_cast<std::uint32_t>(random() % 3);
+    ranges.push_back(range);
+  }
+  Page page;
+  tolvar::wire::encodePage({cursorOf(ranges.back()) + random() % 3, 0}, ranges, page);
+  return page.SerializeAsString();
+}
+
 std::string mutated(std::string bytes, std::mt19937_64& random) {
   for (std::uint64_t change = 0; change <= random() % 3; ++change) {
     const std::size_t at = random() % bytes.size();
@@ -93,6 +115,93 @@ TEST(PageBytes, HonestPagesAreDecodedDirectlyAndAsTheParserDoes) {
     ASSERT_EQ(plainOutcome(bytes, {0, 0, 50000}), expected);
     ASSERT_EQ(directOutcome(bytes, {0, 0, 50000}), expected);
   }
+}
+
+TEST(PageBytes, PagesOfServicesAreDecodedDirectlyWhereverTheirCursorsJump) {
+  std::mt19937_64 random(17);
+  for (int round = 0; round < 60; ++round) {
+    ravel::IPProperty first;
+    first.timesTamp = round % 2 == 0 ? 0 : 1700000000;
+    first.sequence = 2 + static_cast<std::uint32_t>(random() % 3);
+    const std::string bytes =
+        servicePageBytes(random, 1 + random() % 3000, 1 + 999 * (round % 3), first);
+    const PageQuery query{first.timesTamp, static_cast<std::uint32_t>(random() % 2), 50000};
+    ASSERT_EQ(plainOutcome(bytes, query), parsedOutcome(bytes, query));
+    ASSERT_EQ(parsedOutcome(bytes, query).find("refused"), std::string::npos);
+    const std::string changed = mutated(bytes, random);
+    ASSERT_EQ(directOutcome(changed, query), parsedOutcome(changed, query));
+  }
+}
+
+TEST(PageBytes, CountingCursorsAreCheckedLikeAnyOther) {
+  std::mt19937_64 random(19);
+  ravel::IPProperty first;
+  first.timesTamp = 7;
+  first.sequence = 100;
+  const std::string bytes = servicePageBytes(random, 2000, 1000000, first);
+  EXPECT_EQ(plainOutcome(bytes, {7, 99, 50000}), parsedOutcome(bytes, {7, 99, 50000}));
+  EXPECT_EQ(plainOutcome(bytes, {7, 100, 50000}), "refused: not plain");
+  EXPECT_THAT(directOutcome(bytes, {7, 100, 50000}), testing::HasSubstr("does not follow 7:100"));
+
+  // The count passes 2^32 - 1 in the third block.
+  Page page;
+  ASSERT_TRUE(page.ParseFromString(bytes));
+  page.set_sequence_delta(0, 4294967295 - 1100);
+  const std::string wrapping = page.SerializeAsString();
+  EXPECT_EQ(plainOutcome(wrapping, {7, 0, 50000}), "refused: not plain");
+  EXPECT_THAT(directOutcome(wrapping, {7, 0, 50000}),
+              testing::HasSubstr("record 1101: sequence_delta leaves 0 to 4294967295"));
+
+  // Without differences of the times, all but none of the page is a count.
+  page.clear_times_tamp_delta();
+  page.set_sequence_delta(0, 1);
+  const std::string counting = page.SerializeAsString();
+  EXPECT_EQ(plainOutcome(counting, {0, 0, 50000}), parsedOutcome(counting, {0, 0, 50000}));
+  EXPECT_EQ(plainOutcome(counting, {0, 1, 50000}), "refused: not plain");
+}
+
+TEST(PageBytes, TheQueryBehindAPageIsThatOfItsLastRecord) {
+  std::mt19937_64 random(23);
+  for (int round = 0; round < 200; ++round) {
+    ravel::IPProperty first;
+    first.timesTamp = 1700000000;
+    first.sequence = 5;
+    const std::string bytes =
+        round % 2 == 0 ? randomPageBytes(random, 1 + random() % 1500)
+                       : servicePageBytes(random, 1 + random() % 3000, 1 + round % 9 * 100, first);
+    const PageQuery query{0, 0, 50000};
+    ravel::downloadInfo info;
+    tolvar::wire::decodePage(bytesOf(bytes), query, info);
+    const std::uint64_t last = cursorOf(info.IPContent.back());
+    const std::uint64_t end = std::uint64_t{info.highMaxIndex} << 32 | info.lowMaxIndex;
+    const auto behind = tolvar::wire::queryBehind(bytesOf(bytes), query);
+    ASSERT_EQ(behind.has_value(), last < end);
+    if (!behind) continue;
+    ASSERT_EQ(behind->cursor(), last);
+    ASSERT_EQ(behind->size, query.size);
+  }
+}
+
+TEST(PageBytes, NothingLiesBehindAnEmptyPageOrOneThatCannotBeRight) {
+  const auto behind = [](const Page& page) {
+    return tolvar::wire::queryBehind(bytesOf(page.SerializeAsString()), {0, 0, 50000});
+  };
+  Page page;
+  page.set_high_max_index(9);
+  EXPECT_FALSE(behind(page));
+  page.set_records(3);
+  page.add_sequence_delta(1);
+  page.add_sequence_delta(1);
+  EXPECT_FALSE(behind(page));
+  page.add_sequence_delta(1);
+  EXPECT_TRUE(behind(page));
+  page.set_sequence_delta(2, -5);
+  EXPECT_FALSE(behind(page));
+  page.set_sequence_delta(2, -2);
+  EXPECT_FALSE(behind(page));
+  page.set_sequence_delta(2, 4294967296);
+  EXPECT_FALSE(behind(page));
+  EXPECT_FALSE(tolvar::wire::queryBehind(bytesOf("garbage"), {0, 0, 50000}));
 }
 
 TEST(PageBytes, ChangedBytesAreJudgedAsTheParserJudgesThem) {

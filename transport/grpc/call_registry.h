@@ -18,8 +18,8 @@ class CallRegistry {
  public:
   using Family = std::uint64_t;
 
-  /// One call from its first attempt to its last; registered for its lifetime, on the stack of the
-  /// calling thread. The registry outlives it.
+  /// One call from its first attempt to its last; registered for its lifetime. The registry
+  /// outlives it.
   class Call {
    public:
     /// Throws ZU_Exception after `end`.

@@ -4,6 +4,7 @@
 #include "transport/grpc/channel_factory.h"
 #include "transport/grpc/endpoint_set.h"
 #include "transport/grpc/grpc_proxies.h"
+#include "transport/grpc/page_call.h"
 #include "transport/grpc/tls_files.h"
 
 namespace tolvar {
@@ -47,12 +48,12 @@ void GrpcCommunicator::end() { _core->calls.end(); }
 
 void GrpcCommunicator::stringToProxy(const std::string& name, ravel::TolvarPrx& proxy) {
   proxy = std::make_shared<GrpcTolvarProxy>(
-      GrpcTarget{_core, resolve(name, kFastSuffix), _core->calls.newFamily(), nullptr});
+      GrpcTarget(_core, resolve(name, kFastSuffix), kDownloadPageMethod));
 }
 
 void GrpcCommunicator::stringToProxy(const std::string& name, ravel::FTolvarPrx& proxy) {
   proxy = std::make_shared<GrpcFTolvarProxy>(
-      GrpcTarget{_core, resolve(name, kMainSuffix), _core->calls.newFamily(), nullptr});
+      GrpcTarget(_core, resolve(name, kMainSuffix), kFirstDownloadPageMethod));
 }
 
 std::shared_ptr<const EndpointSet> GrpcCommunicator::resolve(const std::string& name,

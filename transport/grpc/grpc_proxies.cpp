@@ -1,10 +1,12 @@
 #include "transport/grpc/grpc_proxies.h"
 
+#include <optional>
 #include <random>
 
 #include "platform/exception.h"
 #include "transport/grpc/page_call.h"
 #include "transport/grpc/page_codec.h"
+#include "transport/grpc/plain_page.h"
 #include "transport/grpc/record_codec.h"
 
 namespace tolvar {
@@ -23,22 +25,57 @@ void encodeFor(const char* operation, Encode encode) {
   }
 }
 
-v1::PageRequest pageRequest(const wire::PageQuery& query) {
-  v1::PageRequest request;
-  request.set_high(query.high);
-  request.set_low(query.low);
-  request.set_size(query.size);
-  return request;
-}
-
-/// One attempt to fetch the answer to `query` from `server`.
-grpc::Status fetchPage(Endpoint& server, const char* method, grpc::ClientContext& call,
-                       const wire::PageQuery& query, ravel::downloadInfo& page) {
+/// The answer of `server` to `query` as bytes: the page that was asked for ahead, if it is this
+/// one.
+grpc::Status fetchBytes(const GrpcTarget& target, Endpoint& server, grpc::ClientContext& call,
+                        const wire::PageQuery& query, std::optional<wire::PageBytes>& bytes) {
+  bytes = target.ahead->take(server, query, call.deadline());
+  if (bytes) return grpc::Status::OK;
   grpc::ByteBuffer answer;
   const grpc::Status status =
-      callForPage(server.channel(), method, call, pageRequest(query), answer);
-  if (status.ok()) wire::decodePage(wire::PageBytes(answer), query, page);
+      callForPage(server.channel(), target.ahead->method(), call, pageRequest(query), answer);
+  if (status.ok()) bytes.emplace(answer);
   return status;
+}
+
+/// One attempt to fetch the answer to `query` from `server`. Asks for the page behind it before it
+/// decodes, so that both go on at once.
+grpc::Status fetchPage(const GrpcTarget& target, Endpoint& server, grpc::ClientContext& call,
+                       const wire::PageQuery& query, ravel::downloadInfo& page) {
+  std::optional<wire::PageBytes> bytes;
+  const grpc::Status status = fetchBytes(target, server, call, query, bytes);
+  if (!status.ok()) return status;
+  if (const std::optional<wire::PageQuery> next = wire::queryBehind(*bytes, query))
+    target.ahead->ask(server, *next, target.core->options.pageDeadline);
+  try {
+    wire::decodePage(*bytes, query, page);
+  } catch (...) {
+    target.ahead->drop();
+    throw;
+  }
+  return status;
+}
+
+/// The same for a call that carries a context or wants one back: such calls go to the service one
+/// by one, as they are made.
+grpc::Status fetchPageAlone(const GrpcTarget& target, Endpoint& server, grpc::ClientContext& call,
+                            const wire::PageQuery& query, ravel::downloadInfo& page) {
+  target.ahead->drop();
+  std::optional<wire::PageBytes> bytes;
+  const grpc::Status status = fetchBytes(target, server, call, query, bytes);
+  if (status.ok()) wire::decodePage(*bytes, query, page);
+  return status;
+}
+
+/// Fetches the answer to `query`.
+void callForPage(const GrpcTarget& target, const char* operation, const wire::PageQuery& query,
+                 ravel::downloadInfo& page, const CallContext& context, CallContext* response) {
+  const bool alone = !context.empty() || response != nullptr;
+  target.call({operation, target.core->options.pageDeadline, true}, context, response,
+              [&](Endpoint& server, grpc::ClientContext& call) {
+                return alone ? fetchPageAlone(target, server, call, query, page)
+                             : fetchPage(target, server, call, query, page);
+              });
 }
 
 }  // namespace
@@ -46,8 +83,17 @@ grpc::Status fetchPage(Endpoint& server, const char* method, grpc::ClientContext
 GrpcCore::GrpcCore(GrpcOptions chosen)
     : options(std::move(chosen)), spreadKey(std::random_device()()) {}
 
+GrpcTarget::GrpcTarget(std::shared_ptr<GrpcCore> sharedCore,
+                       std::shared_ptr<const EndpointSet> allServers, const char* pageMethod)
+    : core(std::move(sharedCore)),
+      servers(std::move(allServers)),
+      family(core->calls.newFamily()),
+      ahead(std::make_shared<PageAhead>(core->calls, family, pageMethod)) {}
+
 GrpcTarget GrpcTarget::select(std::int64_t key) const {
-  return {core, servers, family, servers->select(key)};
+  GrpcTarget chosen(*this);
+  chosen.bound = servers->select(key);
+  return chosen;
 }
 
 void GrpcTarget::call(const CallPlan& plan, const CallContext& context, CallContext* response,
@@ -58,11 +104,16 @@ void GrpcTarget::call(const CallPlan& plan, const CallContext& context, CallCont
   runner.run(plan, order, context, response, attempt);
 }
 
+void GrpcTarget::cancel() const {
+  core->calls.cancel(family);
+  ahead->drop();
+}
+
 ravel::TolvarPrx GrpcTolvarProxy::selectServer(std::int64_t key) {
   return std::make_shared<GrpcTolvarProxy>(_target.select(key));
 }
 
-void GrpcTolvarProxy::cancelCalls() { _target.core->calls.cancel(_target.family); }
+void GrpcTolvarProxy::cancelCalls() { _target.cancel(); }
 
 int GrpcTolvarProxy::getConf(ravel::ClientConf& conf, const CallContext& context,
                              CallContext* response) {
@@ -93,10 +144,7 @@ int GrpcTolvarProxy::checkChangeAdv(const ravel::CheckReq& req, ravel::CheckInfo
 int GrpcTolvarProxy::totalDownloadIPInfo(std::uint32_t high, std::uint32_t low, std::uint32_t size,
                                          ravel::downloadInfo& page, const CallContext& context,
                                          CallContext* response) {
-  _target.call({"totalDownloadIPInfo", _target.core->options.pageDeadline, true}, context, response,
-               [&](Endpoint& server, grpc::ClientContext& call) {
-                 return fetchPage(server, kDownloadPageMethod, call, {high, low, size}, page);
-               });
+  callForPage(_target, "totalDownloadIPInfo", {high, low, size}, page, context, response);
   return 0;
 }
 
@@ -141,15 +189,12 @@ ravel::FTolvarPrx GrpcFTolvarProxy::selectServer(std::int64_t key) {
   return std::make_shared<GrpcFTolvarProxy>(_target.select(key));
 }
 
-void GrpcFTolvarProxy::cancelCalls() { _target.core->calls.cancel(_target.family); }
+void GrpcFTolvarProxy::cancelCalls() { _target.cancel(); }
 
 int GrpcFTolvarProxy::FirstTotalDownloadIPInfo(std::uint32_t high, std::uint32_t low,
                                                std::uint32_t size, ravel::downloadInfo& page,
                                                const CallContext& context, CallContext* response) {
-  _target.call({"FirstTotalDownloadIPInfo", _target.core->options.pageDeadline, true}, context,
-               response, [&](Endpoint& server, grpc::ClientContext& call) {
-                 return fetchPage(server, kFirstDownloadPageMethod, call, {high, low, size}, page);
-               });
+  callForPage(_target, "FirstTotalDownloadIPInfo", {high, low, size}, page, context, response);
   return 0;
 }
 

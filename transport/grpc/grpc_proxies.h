@@ -9,6 +9,7 @@
 #include "transport/grpc/call_runner.h"
 #include "transport/grpc/endpoint_set.h"
 #include "transport/grpc/grpc_options.h"
+#include "transport/grpc/page_ahead.h"
 
 namespace tolvar {
 
@@ -24,16 +25,24 @@ struct GrpcCore {
 
 /// The servers that a proxy calls, and the family that its calls belong to.
 struct GrpcTarget {
+  /// A new family. `pageMethod` is the one of page_call.h that these servers answer pages with.
+  GrpcTarget(std::shared_ptr<GrpcCore> sharedCore, std::shared_ptr<const EndpointSet> allServers,
+             const char* pageMethod);
+
   std::shared_ptr<GrpcCore> core;
   std::shared_ptr<const EndpointSet> servers;
   CallRegistry::Family family;
-  std::shared_ptr<Endpoint> bound;  ///< null: any of `servers`
+  std::shared_ptr<PageAhead> ahead;  ///< the family's
+  std::shared_ptr<Endpoint> bound;   ///< null: any of `servers`
 
   /// The same, bound to the server that `key` chooses.
   GrpcTarget select(std::int64_t key) const;
 
   void call(const CallPlan& plan, const ravel::CallContext& context, ravel::CallContext* response,
             const CallRunner::Attempt& attempt) const;
+
+  /// Makes the family's calls under way fail.
+  void cancel() const;
 };
 
 /// The main object over gRPC. A call through a proxy without a chosen server tries the servers one

@@ -8,23 +8,48 @@
 
 namespace tolvar {
 
+v1::PageRequest pageRequest(const wire::PageQuery& query) {
+  v1::PageRequest request;
+  request.set_high(query.high);
+  request.set_low(query.low);
+  request.set_size(query.size);
+  return request;
+}
+
+PageCall::PageCall(const std::shared_ptr<grpc::Channel>& channel, const char* method,
+                   grpc::ClientContext& context, const v1::PageRequest& request)
+    : _context(context) {
+  grpc::TemplatedGenericStub<v1::PageRequest, grpc::ByteBuffer> stub(channel);
+  _call = stub.PrepareUnaryCall(&context, method, request, &_queue);
+  _call->StartCall();
+  _call->Finish(&_answer, &_status, nullptr);
+}
+
+PageCall::~PageCall() {
+  if (!_ended) _context.TryCancel();
+  void* tag = nullptr;
+  bool done = false;
+  _queue.Shutdown();
+  while (_queue.Next(&tag, &done)) {
+  }
+}
+
+bool PageCall::await(std::chrono::system_clock::time_point until) {
+  void* tag = nullptr;
+  bool done = false;
+  // The caller's own thread does the reading: this works on the connection until the answer is
+  // there.
+  _ended = _ended || _queue.AsyncNext(&tag, &done, until) == grpc::CompletionQueue::GOT_EVENT;
+  return _ended;
+}
+
 grpc::Status callForPage(const std::shared_ptr<grpc::Channel>& channel, const char* method,
                          grpc::ClientContext& context, const v1::PageRequest& request,
                          grpc::ByteBuffer& answer) {
-  grpc::CompletionQueue queue;
-  grpc::TemplatedGenericStub<v1::PageRequest, grpc::ByteBuffer> stub(channel);
-  grpc::Status status;
-  const auto call = stub.PrepareUnaryCall(&context, method, request, &queue);
-  call->StartCall();
-  call->Finish(&answer, &status, nullptr);
-  void* tag = nullptr;
-  bool done = false;
-  // The call's own thread does the reading: Next works on the connection until the answer is there.
-  queue.Next(&tag, &done);
-  queue.Shutdown();
-  while (queue.Next(&tag, &done)) {
-  }
-  return status;
+  PageCall call(channel, method, context, request);
+  call.await(std::chrono::system_clock::time_point::max());
+  answer = call.answer();
+  return call.status();
 }
 
 }  // namespace tolvar

@@ -105,16 +105,74 @@ struct Block {
   std::array<std::array<std::uint32_t, kBlock>, kFieldEnd - kExtend> rest{};
 };
 
+/// Where the decoding of a page stands: sums of the cursor columns, and the last cursor.
+struct CursorSums {
+  std::uint64_t time = 0;
+  std::uint64_t sequence = 0;
+  std::uint64_t last = 0;
+};
+
+/// Adds up the cursors of a block. Sums are unsigned and may wrap: one that lies in 0 to 2^32 - 1
+/// followed from one that did is right, because the difference then had to be within +-(2^32 - 1).
+class AnyCursors {
+ public:
+  AnyCursors(const Block& block, const CursorSums& sums) : _block(block), _sums(sums) {}
+
+  void next(std::size_t i) noexcept {
+    _sums.time += unZigZag(_block.times[i]);
+    _sums.sequence += unZigZag(_block.sequences[i]);
+    _outside |= _sums.time | _sums.sequence;
+    const std::uint64_t cursor = _sums.time << 32 | _sums.sequence;
+    _unordered |= cursor <= _sums.last;
+    _sums.last = cursor;
+  }
+
+  const CursorSums& sums() const noexcept { return _sums; }
+  bool right() const noexcept { return _outside >> 32 == 0 && !_unordered; }
+
+ private:
+  const Block& _block;
+  CursorSums _sums;
+  std::uint64_t _outside = 0;
+  bool _unordered = false;
+};
+
+/// The same where times stay and sequences count up by one, as they do in all but the first record
+/// of a service's page.
+class CountingCursors {
+ public:
+  CountingCursors(const CursorSums& sums, std::size_t count) : _sums(sums) {
+    const std::uint64_t first = sums.time << 32 | (sums.sequence + 1);
+    const std::uint64_t end = sums.sequence + count;
+    _right = (sums.time | end) >> 32 == 0 && first > sums.last;
+    _sums.last = sums.time << 32 | end;
+  }
+
+  void next(std::size_t) noexcept { ++_sums.sequence; }
+
+  const CursorSums& sums() const noexcept { return _sums; }
+  bool right() const noexcept { return _right; }
+
+ private:
+  CursorSums _sums;
+  bool _right;
+};
+
 class BlockDecoder {
  public:
-  BlockDecoder(const PlainFields& fields, std::uint64_t lastCursor) : _lastCursor(lastCursor) {
+  BlockDecoder(const PlainFields& fields, std::uint64_t lastCursor) : _sums{0, 0, lastCursor} {
     for (std::size_t field = kFirstColumn; field < kFieldEnd; ++field)
       if (!fields.columns[field].empty()) _columns[field] = PackedColumn(fields.columns[field]);
   }
 
   /// At most kBlock records.
   bool decode(std::span<IPProperty> records) noexcept {
-    return takeColumns(records.size()) && build(records);
+    const std::size_t count = records.size();
+    if (skipCountingCursors(count))
+      return takeColumns(count) && build(records, CountingCursors(_sums, count));
+    return takeColumn(kTimes, count, _block.times.data()) &&
+           takeColumn(kSequences, count, _block.sequences.data()) && takeColumns(count) &&
+           build(records, AnyCursors(_block, _sums));
   }
 
   bool atEnd() const noexcept {
@@ -122,7 +180,7 @@ class BlockDecoder {
                        [](const PackedColumn& column) { return column.atEnd(); });
   }
 
-  std::uint64_t lastCursor() const noexcept { return _lastCursor; }
+  std::uint64_t lastCursor() const noexcept { return _sums.last; }
 
  private:
   template <class T>
@@ -130,10 +188,20 @@ class BlockDecoder {
     return _columns[field].absent() || _columns[field].take(count, out);
   }
 
+  bool skipCountingCursors(std::size_t count) noexcept {
+    constexpr std::uint8_t kZigZagOne = 2;
+    const bool sameTime = _columns[kTimes].absent() || _columns[kTimes].startsWithRun(count, 0);
+    if (!sameTime || _columns[kSequences].absent() ||
+        !_columns[kSequences].startsWithRun(count, kZigZagOne))
+      return false;
+    if (!_columns[kTimes].absent()) _columns[kTimes].skipRun(count);
+    _columns[kSequences].skipRun(count);
+    return true;
+  }
+
+  /// All columns but the cursors'.
   bool takeColumns(std::size_t count) noexcept {
-    bool whole = takeColumn(kTimes, count, _block.times.data()) &&
-                 takeColumn(kSequences, count, _block.sequences.data()) &&
-                 takeColumn(kStarts, count, _block.starts.data()) &&
+    bool whole = takeColumn(kStarts, count, _block.starts.data()) &&
                  takeColumn(kEndOffsets, count, _block.endOffsets.data()) &&
                  takeColumn(kPlace, count, _block.place.data());
     for (std::size_t field = kExtend; field < kFieldEnd; ++field)
@@ -141,27 +209,19 @@ class BlockDecoder {
     return whole;
   }
 
-  /// Adds up and checks. Sums are unsigned and may wrap: one that lies in 0 to 2^32 - 1 followed
-  /// from one that did is right, because the difference then had to be within +-(2^32 - 1).
-  bool build(std::span<IPProperty> records) noexcept {
-    std::uint64_t time = _time;
-    std::uint64_t sequence = _sequence;
+  /// Adds up and checks. What AnyCursors says of sums is true of addresses too.
+  template <class Cursors>
+  bool build(std::span<IPProperty> records, Cursors cursors) noexcept {
     std::uint64_t start = _start;
-    std::uint64_t last = _lastCursor;
     std::uint64_t outside = 0;
-    bool unordered = false;
     for (std::size_t i = 0; i < records.size(); ++i) {
-      time += unZigZag(_block.times[i]);
-      sequence += unZigZag(_block.sequences[i]);
+      cursors.next(i);
       start += unZigZag(_block.starts[i]);
       const std::uint64_t end = start + _block.endOffsets[i];
-      const std::uint64_t cursor = time << 32 | sequence;
-      outside |= time | sequence | start | end;
-      unordered |= cursor <= last;
-      last = cursor;
+      outside |= start | end;
       IPProperty& record = records[i];
-      record.timesTamp = static_cast<std::uint32_t>(time);
-      record.sequence = static_cast<std::uint32_t>(sequence);
+      record.timesTamp = static_cast<std::uint32_t>(cursors.sums().time);
+      record.sequence = static_cast<std::uint32_t>(cursors.sums().sequence);
       record.startIP = static_cast<std::uint32_t>(start);
       record.endIP = static_cast<std::uint32_t>(end);
       record.place = _block.place[i];
@@ -171,19 +231,15 @@ class BlockDecoder {
       record.apn = _block.rest[kApn - kExtend][i];
       record.flable = _block.rest[kFlable - kExtend][i];
     }
-    _time = time;
-    _sequence = sequence;
     _start = start;
-    _lastCursor = last;
-    return outside >> 32 == 0 && !unordered;
+    _sums = cursors.sums();
+    return outside >> 32 == 0 && cursors.right();
   }
 
   std::array<PackedColumn, kFieldEnd> _columns{};
   Block _block;
-  std::uint64_t _time = 0;
-  std::uint64_t _sequence = 0;
+  CursorSums _sums;
   std::uint64_t _start = 0;
-  std::uint64_t _lastCursor;
 };
 
 /// False unless the page holds records, no more than asked for, and cursors for them.
@@ -199,6 +255,28 @@ bool headIsPlain(const PlainFields& fields, const PageQuery& query) {
   constexpr auto kMaxInt8 = static_cast<std::uint64_t>(std::numeric_limits<std::int8_t>::max());
   return fields.numbers[kHighMaxIndex] <= kMaxUint32 &&
          fields.numbers[kLowMaxIndex] <= kMaxUint32 && fields.numbers[kIsDownloadReset] <= kMaxInt8;
+}
+
+/// The sum of a column's first `records` differences, modulo 2^64; nothing when there are fewer.
+std::optional<std::uint64_t> sumOf(std::span<const std::uint8_t> bytes, std::size_t records) {
+  if (bytes.empty()) return 0;
+  PackedColumn column(bytes);
+  std::uint64_t sum = 0;
+  std::array<std::uint64_t, kBlock> values;
+  for (std::size_t left = records; left != 0;) {
+    const std::size_t count = left == records ? 1 : std::min(kBlock, left);
+    left -= count;
+    // What all but the first values of the columns that this is for mostly are.
+    const std::uint8_t same = column.startsWithRun(count, 0) ? 0 : 2;
+    if (column.startsWithRun(count, same)) {
+      column.skipRun(count);
+      sum += count * unZigZag(same);
+      continue;
+    }
+    if (!column.take(count, values.data())) return std::nullopt;
+    for (std::size_t i = 0; i < count; ++i) sum += unZigZag(values[i]);
+  }
+  return sum;
 }
 
 }  // namespace
@@ -220,6 +298,21 @@ bool decodePlainPage(const PageBytes& page, const PageQuery& query, ravel::downl
   }
   const std::uint64_t endIndex = std::uint64_t{info.highMaxIndex} << 32 | info.lowMaxIndex;
   return decoder.atEnd() && decoder.lastCursor() <= endIndex;
+}
+
+std::optional<PageQuery> queryBehind(const PageBytes& page, const PageQuery& query) {
+  const std::optional<PlainFields> fields = FieldReader(page.bytes()).read();
+  if (!fields || !headIsPlain(*fields, query)) return std::nullopt;
+  const auto records = static_cast<std::size_t>(fields->numbers[kRecords]);
+  const std::optional<std::uint64_t> time = sumOf(fields->columns[kTimes], records);
+  const std::optional<std::uint64_t> sequence = sumOf(fields->columns[kSequences], records);
+  if (!time || !sequence || (*time | *sequence) >> 32 != 0) return std::nullopt;
+  const PageQuery next{static_cast<std::uint32_t>(*time), static_cast<std::uint32_t>(*sequence),
+                       query.size};
+  const std::uint64_t endIndex =
+      fields->numbers[kHighMaxIndex] << 32 | fields->numbers[kLowMaxIndex];
+  if (next.cursor() >= endIndex || next.cursor() == query.cursor()) return std::nullopt;
+  return next;
 }
 
 }  // namespace tolvar::wire

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "records/records.h"
 #include "transport/grpc/page_bytes.h"
 #include "transport/grpc/page_codec.h"
@@ -13,5 +15,10 @@ namespace tolvar::wire {
 ///
 /// Memory is taken for at most as many records as the page has bytes of cursors.
 bool decodePlainPage(const PageBytes& page, const PageQuery& query, ravel::downloadInfo& info);
+
+/// What a download asks for after this answer to `query`, found without decoding the records:
+/// nothing when the page is the last one, is empty, or has another form. Checks no more than the
+/// head; the page may still turn out not to be right.
+std::optional<PageQuery> queryBehind(const PageBytes& page, const PageQuery& query);
 
 }  // namespace tolvar::wire
