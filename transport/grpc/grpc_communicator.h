@@ -24,9 +24,9 @@ struct GrpcCore;
 /// deadline and then fails; meanwhile connecting is tried every 0.5 s at most. Without calls for
 /// GrpcOptions::idleTimeout the connection is closed, and a server that is down is left alone.
 ///
-/// When the bytes of a page have arrived, the next page of the same download is asked for on a
-/// thread of its own while this one is decoded; see PageAhead. A proxy and those it selected hold
-/// one such page at most; it goes with the last of them, and with `cancelCalls` and `end`.
+/// When the bytes of a page have arrived, the next page of the same download is asked for and read
+/// by a thread of its own while this one is decoded; see PageAhead. A proxy and those it selected
+/// hold one such page at most; it goes with the last of them, and with `cancelCalls` and `end`.
 ///
 /// All operations may be called from any thread. Proxies may outlive the communicator; their calls
 /// then fail at once.

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include "transport/grpc/call_registry.h"
 #include "transport/grpc/endpoint.h"
@@ -14,16 +16,22 @@ namespace tolvar {
 
 /// Fetches the page that a download will ask for next while the one before is decoded.
 ///
-/// Holds one call at most. Nothing reads its answer before `take`: until then the service works and
-/// as much arrives as the connection takes, without a thread or memory of ours. It is an offer and
-/// never an error: a page that could not be fetched is simply not there, and the caller asks for it
-/// as for any other. All operations may be called from any thread.
+/// Holds one page at most, under way or arrived, as bytes. A thread of its own reads the answer; if
+/// the processors leave that thread no time before the page is wanted, the caller reads it instead,
+/// so that a busy machine is no worse off. The thread ends when there was nothing to read for
+/// kIdleTime.
+///
+/// What is fetched ahead is an offer and never an error: a page that could not be fetched is simply
+/// not there, and the caller asks for it as for any other. All operations may be called from any
+/// thread.
 class PageAhead {
  public:
+  static constexpr std::chrono::seconds kIdleTime{1};
+
   /// Its calls belong to `family` and end with it. `registry` outlives it. `method` is one of
   /// page_call.h, a literal.
   PageAhead(CallRegistry& registry, CallRegistry::Family family, const char* method);
-  /// As `drop`.
+  /// Cancels what is under way and waits for the thread's end.
   ~PageAhead();
   PageAhead(const PageAhead&) = delete;
   PageAhead& operator=(const PageAhead&) = delete;
@@ -39,20 +47,31 @@ class PageAhead {
   std::optional<wire::PageBytes> take(const Endpoint& server, const wire::PageQuery& query,
                                       std::chrono::system_clock::time_point until);
 
-  /// Cancels what is under way, waits for that and forgets what arrived.
+  /// Cancels what is under way and forgets what arrived.
   void drop();
 
  private:
   struct Fetch;
 
-  std::unique_ptr<Fetch> exchange(std::unique_ptr<Fetch> fetch);
+  /// Replaces what is held, for the thread to read.
+  void hold(std::shared_ptr<Fetch> fetch);
+  std::shared_ptr<Fetch> release();
+  bool awaitReader(Fetch& fetch, std::chrono::system_clock::time_point until);
+  void startReader();
+  void read();  ///< what the thread does
 
   CallRegistry& _registry;
   const CallRegistry::Family _family;
   const char* const _method;
 
   std::mutex _mutex;
-  std::unique_ptr<Fetch> _fetch;  ///< guarded by _mutex
+  std::condition_variable _changed;
+  // Guarded by _mutex, as are the states of fetches.
+  std::shared_ptr<Fetch> _fetch;
+  std::shared_ptr<Fetch> _reading;  ///< what the thread reads now
+  std::thread _reader;
+  bool _hasReader = false;  ///< _reader waits or reads; otherwise it has ended or soon will
+  bool _ending = false;
 };
 
 }  // namespace tolvar
