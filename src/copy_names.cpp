@@ -13,7 +13,9 @@ namespace {
 /// for once it held a name that is longer.
 constexpr std::size_t kShort = 15;
 constexpr std::size_t kRoomy = 31;
+#ifndef __clang__  // for which this is no constant, with the same library
 static_assert(std::string().capacity() >= kShort);
+#endif
 static_assert(kRoomy < TupleNames::kReadableBytes);
 
 /// Out of the way of the other names, whose copies then need no call.
