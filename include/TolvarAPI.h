@@ -83,7 +83,6 @@ class TolvarReader {
 
  private:
   friend class TolvarAPI;
-  explicit TolvarReader(const tolvar::ClientInternals& internals) noexcept;
   TolvarReader(const tolvar::ClientInternals& internals, tolvar::ReadSection section) noexcept;
 
   /// For a thread's first reader and for nested ones.

@@ -8,9 +8,6 @@
 
 using tolvar::LookupSnapshot;
 
-TolvarReader::TolvarReader(const tolvar::ClientInternals& internals) noexcept
-    : _tables(internals.tables.peek()) {}
-
 // A call of its own would cost more than all the rest of it.
 [[gnu::always_inline]] inline TolvarReader::TolvarReader(const tolvar::ClientInternals& internals,
                                                          tolvar::ReadSection section) noexcept
@@ -19,7 +16,7 @@ TolvarReader::TolvarReader(const tolvar::ClientInternals& internals) noexcept
 // Kept out of `read`, which then calls nothing and need not keep registers for others.
 [[gnu::noinline]] TolvarReader TolvarReader::otherwise(
     const tolvar::ClientInternals& internals) noexcept {
-  return TolvarReader(internals);
+  return TolvarReader(internals, tolvar::ReadSection());
 }
 
 TolvarReader TolvarAPI::read() const noexcept {

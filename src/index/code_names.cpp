@@ -128,10 +128,4 @@ CodeNames::Place CodeNames::labelPlace(std::uint32_t id) const noexcept {
   return {offset, static_cast<std::uint32_t>(kLabels[id - 1].size())};
 }
 
-std::size_t CodeNames::memoryBytes() const noexcept {
-  std::size_t bytes = sizeof *this + _text.capacity();
-  for (const Table& table : _tables) bytes += table.slots.capacity() * sizeof(Slot);
-  return bytes;
-}
-
 }  // namespace tolvar

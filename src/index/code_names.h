@@ -64,9 +64,6 @@ class CodeNames {
     return {_text.data() + place.offset, place.length};
   }
 
-  /// Memory held, in bytes.
-  std::size_t memoryBytes() const noexcept;
-
  private:
   struct Slot {
     std::uint64_t id = 0;
