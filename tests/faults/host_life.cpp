@@ -116,7 +116,7 @@ TolvarAPIOptions HostLife::options() {
 std::string HostLife::live() {
   const Holdings before = Holdings::now(_keys);
   _faults.begin();
-  bool whole = true;
+  bool healed = false;
   {
     auto client = std::make_unique<Client>(_clock);
     _server.publish(versionTable(1));
@@ -125,13 +125,12 @@ std::string HostLife::live() {
     reach(*client, 2);
     // What failed so far is over; the last version is published on a healthy host, unless the fault
     // comes only now.
-    const bool earlier = _faults.fired();
-    if (earlier) _faults.heal();
+    healed = _faults.fired();
+    if (healed) _faults.heal();
     reach(*client, 3);
-    whole = earlier || !_faults.fired();
     destroy(std::move(client));
   }
-  restart(whole);
+  restart(healed);
   const Holdings after = Holdings::now(_keys);
   _problems += after.moreThan(before);
   return _problems;
@@ -215,12 +214,12 @@ void HostLife::destroy(std::unique_ptr<Client> client) {
   client.reset();
 }
 
-void HostLife::restart(bool imageIsWhole) {
+void HostLife::restart(bool healed) {
   _server.setDown(true);
-  const bool earlier = _faults.fired();
   auto client = std::make_unique<Client>(_clock);
   bool started = initialize(*client);
-  if (!started && earlier && imageIsWhole)
+  // A fault that came after the last version may still go on, and have cost its publication.
+  if (!started && (healed || !_faults.fired()))
     complain("no start from the image; last error: " + client->status().lastError);
   if (!started) {
     _server.setDown(false);

@@ -55,7 +55,7 @@ class HostLife {
   void checkAnswers(Client& client, const char* when);
   void checkNames(Client& client, const char* when);
   void destroy(std::unique_ptr<Client> client);
-  void restart(bool imageIsWhole);
+  void restart(bool healed);
   void complain(const std::string& what);
 
   const ShmKeys& _keys;
