@@ -9,7 +9,7 @@
 #include "bench/support/random.h"
 #include "platform/huge_pages.h"
 #include "records/records.h"
-#include "src/index/tuple_pool.h"
+#include "src/index/tuple_numbers.h"
 
 namespace tolvar_bench {
 
@@ -25,7 +25,7 @@ class LowerBoundTable {
     };
     const auto found = std::lower_bound(_table.begin(), _table.end(), ip, below);
     if (found == _table.end() || found->startIP > ip) return false;
-    *info = tolvar::TuplePool::unpack(*found);
+    *info = tolvar::infoOf(*found);
     return true;
   }
 

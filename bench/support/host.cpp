@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "platform/exception.h"
-#include "src/index/tuple_pool.h"
+#include "src/index/tuple_numbers.h"
 
 namespace tolvar_bench {
 namespace {
@@ -16,13 +16,10 @@ constexpr auto kTakeOverLimit = std::chrono::minutes(2);
 constexpr auto kRound = std::chrono::milliseconds(2);
 
 std::vector<ravel::CodeInfo> codesOf(const ravel::vIPProperty& ranges) {
-  tolvar::TuplePool seen;
+  const tolvar::TupleNumbers tuples(ranges);
   std::set<std::pair<int, std::uint64_t>> ids;
-  for (const ravel::IPProperty& range : ranges) {
-    bool isNew;
-    seen.number(range, &isNew);
-    if (!isNew) continue;
-    const ravel::IPInfo info = tolvar::TuplePool::unpack(range);
+  for (std::uint32_t number = 1; number < tuples.count(); ++number) {
+    const ravel::IPInfo info = tuples.info(number);
     const std::array<std::uint64_t, 8> all = {
         info.country, info.province, info.city,    static_cast<std::uint64_t>(info.district),
         info.extend,  info.oper,     info.nettype, info.apn};

@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "src/index/tuple_pool.h"
+#include "src/index/tuple_numbers.h"
 
 namespace tolvar_bench {
 namespace {
@@ -159,17 +159,14 @@ void writeMmdb(const std::string& path, std::span<const ravel::IPProperty> range
                const std::function<std::string(int, std::uint32_t)>& name) {
   MmdbTree tree;
   MmdbData data;
-  tolvar::TuplePool pool;
+  const tolvar::TupleNumbers tuples(ranges);
   std::vector<std::uint32_t> offsets(1);
-  for (const ravel::IPProperty& range : ranges) {
-    bool isNew = false;
-    const std::uint32_t value = pool.number(range, &isNew);
-    if (isNew) {
-      offsets.push_back(data.size());
-      addRecord(tolvar::TuplePool::unpack(range), name, &data);
-    }
-    tree.insert(range.startIP, range.endIP, value);
+  for (std::uint32_t number = 1; number < tuples.count(); ++number) {
+    offsets.push_back(data.size());
+    addRecord(tuples.info(number), name, &data);
   }
+  for (std::size_t i = 0; i < ranges.size(); ++i)
+    tree.insert(ranges[i].startIP, ranges[i].endIP, tuples.ofRanges()[i]);
   std::ofstream file(path, std::ios::binary);
   file << tree.bytes(offsets) << std::string(16, '\0') << data.bytes() << "\xAB\xCD\xEFMaxMind.com"
        << metadata(tree.size());

@@ -13,6 +13,9 @@ constexpr std::array<std::string_view, 15> kLabels = {
     "FROM_JN", "FROM_JN_HVM", "FROM_ORB",     "FROM_YAT",   "FROM_KV",
     "RTL",     "JN",          "TZ",           "KV",         "PLEX"};
 
+/// Names whose slots are fetched before their turn.
+constexpr std::size_t kAhead = 16;
+
 /// Multiplicative hashing: the upper bits of the product depend on every bit of the id.
 std::size_t slotOf(std::uint64_t id, unsigned shift) noexcept {
   constexpr std::uint64_t kOdd = 0x9E3779B97F4A7C15u;  // 2^64 divided by the golden ratio
@@ -87,7 +90,10 @@ void CodeNames::fill(Table* table, const std::vector<ravel::CodeInfo>& list) {
     return fill(table, map);
   }
   makeSlots(table, list.size());
-  for (const ravel::CodeInfo& code : list) add(table, idOf(code), code.content);
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    if (i + kAhead < list.size()) prefetch(*table, idOf(list[i + kAhead]));
+    add(table, idOf(list[i]), list[i].content);
+  }
 }
 
 void CodeNames::makeSlots(Table* table, std::size_t codes) {
@@ -115,7 +121,10 @@ CodeNames::Place CodeNames::findPlace(int type, std::uint64_t id) const noexcept
 }
 
 void CodeNames::prefetch(int type, std::uint64_t id) const noexcept {
-  const Table& table = _tables[static_cast<std::size_t>(type)];
+  prefetch(_tables[static_cast<std::size_t>(type)], id);
+}
+
+void CodeNames::prefetch(const Table& table, std::uint64_t id) noexcept {
   __builtin_prefetch(&table.slots[slotOf(id, table.shift)]);
 }
 

@@ -75,6 +75,8 @@ class CodeNames {
     unsigned shift = 63;  ///< what of a hash chooses the slot
   };
 
+  static void prefetch(const Table& table, std::uint64_t id) noexcept;
+
   void addLabels();
   void addReadableBytes();
   Place append(std::string_view name);

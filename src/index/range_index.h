@@ -25,12 +25,12 @@ namespace tolvar {
 ///             bit 4 = 0   leaf of n keys: n in bits 0-3, 8-byte unit of its place in bits 5-31
 ///             bit 4 = 1   sub-directory of its own: number of the next word = (bits 5-31)
 ///                         + (low 16 address bits >> bits 0-3), modulo 2^27
-///   lines   of 64 bytes, first those with leaves, then one for each tuple.
+///   lines   of 64 bytes, first one for each tuple, then those with leaves.
+///           Tuple: in byte 8 the leaf without keys for blocks that are all this tuple, from
+///           byte 16 on its `IPInfo`.
 ///           Leaf: n signed 16-bit keys (the low 16 address bits, less 32768, of the break points
 ///           inside its block of addresses; ascending), then n + 1 24-bit tuple numbers: number i
 ///           holds from key i - 1 on.
-///           Tuple: in byte 8 the leaf without keys for blocks that are all this tuple, from
-///           byte 16 on its `IPInfo`.
 ///
 /// Thread safety: every operation of a finished index is const and may be called from any number of
 /// threads at once. None allocates, locks or calls the operating system.
@@ -61,10 +61,10 @@ class RangeIndex : public RangeLookup {
   std::size_t rangeCount() const noexcept { return _rangeCount; }
 
   /// Distinct attribute tuples, tuple 0 included: valid numbers are below it.
-  std::size_t tupleCount() const noexcept { return _ownLines.size() - _leafLines; }
+  std::size_t tupleCount() const noexcept { return _tupleCount; }
 
   /// Lines of 64 bytes that hold leaves.
-  std::size_t leafLineCount() const noexcept { return _leafLines; }
+  std::size_t leafLineCount() const noexcept { return _ownLines.size() - _tupleCount; }
 
   /// Memory held, in bytes.
   std::size_t memoryBytes() const noexcept {
@@ -81,8 +81,8 @@ class RangeIndex : public RangeLookup {
   RangeIndex() = default;
 
   Words _ownWords;  ///< what _words points at
-  Lines _ownLines;  ///< what _leaves and _tuples point into
-  std::size_t _leafLines = 0;
+  Lines _ownLines;  ///< what _leaves and _infos point into
+  std::size_t _tupleCount = 0;
   std::size_t _rangeCount = 0;
 };
 

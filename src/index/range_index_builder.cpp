@@ -11,9 +11,6 @@ namespace {
 
 constexpr std::uint64_t kAddresses = std::uint64_t{1} << 32;
 
-/// A leaf word of a block that is all one tuple, until the tuples get their lines.
-constexpr std::uint32_t uniformWord(std::uint32_t tuple) { return tuple << 5; }
-
 constexpr std::size_t kKeyBytes = 2;
 constexpr std::size_t kTupleBytes = 3;
 
@@ -26,8 +23,11 @@ constexpr std::size_t leafUnits(std::size_t keys) {
 /// need be with other leaves in them.
 constexpr std::size_t kReadUnits = 3;
 
-/// Ranges whose tuples are looked for before their turn.
-constexpr std::size_t kAhead = 16;
+/// Room for leaves to begin with. Most tables take between 6 and 8 bytes a range.
+constexpr std::size_t expectedLeafLines(std::size_t ranges) { return ranges / 8 + 1; }
+
+/// Room that is not needed stays when it is at most this part of what is.
+constexpr std::size_t kWorthACopy = 16;
 
 /// How many address bits a sub-directory over 2^bits addresses had best resolve for the sorted
 /// break points `keyAt(0)` to `keyAt(count - 1)`, counted from its start: the number with the
@@ -65,64 +65,58 @@ std::uint32_t directoryBits(std::size_t count, std::uint32_t bits, std::size_t l
 }  // namespace
 
 RangeIndex RangeIndex::build(std::span<const ravel::IPProperty> ranges) {
-  RangeIndexBuilder builder(ranges.size());
-  builder.add(ranges);
-  return builder.finish();
+  RangeIndexBuilder builder(ranges);
+  return builder.build();
 }
 
-RangeIndexBuilder::RangeIndexBuilder(std::size_t expectedRanges) {
-  _index._ownWords.reserve(RangeIndex::kDirectoryWords + expectedRanges / 4);
+RangeIndexBuilder::RangeIndexBuilder(std::span<const ravel::IPProperty> ranges) : _ranges(ranges) {
+  _index._rangeCount = ranges.size();
+  _index._ownWords.reserve(RangeIndex::kDirectoryWords + ranges.size() / 4);
   _index._ownWords.assign(RangeIndex::kDirectoryWords, 0);
-  _index._ownLines.reserve(expectedRanges / 8 + 1);
-  _index._ownLines.emplace_back();  // number 0 ends the chains of open lines
-  _tuples.emplace_back();
 }
 
-void RangeIndexBuilder::add(std::span<const ravel::IPProperty> ranges) {
-  std::array<std::uint64_t, kAhead> hashes;
-  const auto prepare = [&](std::size_t i) {
-    if (i < ranges.size()) hashes[i % kAhead] = _pool.prepare(ranges[i]);
-  };
-  for (std::size_t i = 0; i < kAhead; ++i) prepare(i);
-  for (std::size_t i = 0; i < ranges.size(); ++i) {
-    const std::uint64_t hash = hashes[i % kAhead];
-    prepare(i + kAhead);
-    add(ranges[i], hash);
+RangeIndex RangeIndexBuilder::build() {
+  {
+    const TupleNumbers tuples(_ranges);
+    addTuples(tuples);
+    for (std::size_t i = 0; i < _ranges.size(); ++i) add(_ranges[i], tuples.ofRanges()[i]);
+  }
+  if (_uncovered < kAddresses) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
+  closeBucketsBefore(RangeIndex::kBuckets);
+  giveBackRoom();
+  _index._words = _index._ownWords.data();
+  _index._leaves = _index._ownLines.data()->bytes;
+  _index._infos = _index._leaves + offsetof(Line, tuple.info);
+  return std::move(_index);
+}
+
+void RangeIndexBuilder::addTuples(const TupleNumbers& tuples) {
+  const std::size_t count = tuples.count();
+  if (count > RangeIndex::kTupleLimit) {
+    throw std::length_error("the IP table has too many distinct attribute tuples to index");
+  }
+  _index._tupleCount = count;
+  _index._ownLines.reserve(count + expectedLeafLines(_ranges.size()));
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto number = static_cast<std::uint32_t>(i);
+    _index._ownLines.emplace_back().tuple = {0, number, 0, tuples.info(number)};
   }
 }
 
-void RangeIndexBuilder::add(const ravel::IPProperty& range, std::uint64_t hash) {
-  ++_index._rangeCount;
+void RangeIndexBuilder::add(const ravel::IPProperty& range, std::uint32_t tuple) {
   // Earlier ranges start no later, so of this range they cover exactly what lies below _uncovered.
   const std::uint64_t start = std::max<std::uint64_t>(range.startIP, _uncovered);
   if (range.endIP < range.startIP || range.endIP < start) return;
   if (start > _uncovered) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
-  setFrom(static_cast<std::uint32_t>(start), tupleOf(range, hash));
+  setFrom(static_cast<std::uint32_t>(start), tuple);
   _uncovered = std::uint64_t{range.endIP} + 1;
 }
 
-RangeIndex RangeIndexBuilder::finish() {
-  if (_uncovered < kAddresses) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
-  closeBucketsBefore(RangeIndex::kBuckets);
-  _pool = TuplePool();
-  appendTuples();
+/// What was reserved and is not needed, where it is worth a copy.
+void RangeIndexBuilder::giveBackRoom() {
   _index._ownWords.shrink_to_fit();
-  _index._words = _index._ownWords.data();
-  _index._leaves = _index._ownLines.data()->bytes;
-  _index._tuples = _index._ownLines.data() + _index._leafLines;
-  return std::move(_index);
-}
-
-std::uint32_t RangeIndexBuilder::tupleOf(const ravel::IPProperty& range, std::uint64_t hash) {
-  bool isNew;
-  const std::uint32_t number = _pool.number(range, hash, &isNew);
-  if (isNew) {
-    if (number >= RangeIndex::kTupleLimit) {
-      throw std::length_error("the IP table has too many distinct attribute tuples to index");
-    }
-    _tuples.push_back(TuplePool::unpack(range));
-  }
-  return number;
+  RangeIndex::Lines& lines = _index._ownLines;
+  if (lines.capacity() - lines.size() > lines.size() / kWorthACopy) lines.shrink_to_fit();
 }
 
 void RangeIndexBuilder::setFrom(std::uint32_t address, std::uint32_t tuple) {
@@ -211,6 +205,12 @@ std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
   return static_cast<std::uint32_t>(unit << 5 | breaks.size());
 }
 
+/// A leaf word of a block that is all one tuple: the leaf without keys in the tuple's line.
+std::uint32_t RangeIndexBuilder::uniformWord(std::uint32_t tuple) noexcept {
+  constexpr std::size_t kLeafUnit = offsetof(Line, tuple.number) / RangeIndex::kUnitBytes;
+  return static_cast<std::uint32_t>(tuple * kLineUnits + kLeafUnit) << 5;
+}
+
 /// Finds room for a leaf of `units` 8-byte units inside one line; answers its unit number.
 std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
   std::size_t room = std::max(units, kReadUnits);
@@ -222,7 +222,7 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
   } else {
     room = kLineUnits;
     if ((_index._ownLines.size() + 1) * kLineUnits > RangeIndex::kNumberMask) {
-      throw std::length_error("the IP table has too many ranges to index");
+      throw std::length_error("the IP table has too many ranges and attribute tuples to index");
     }
     line = static_cast<std::uint32_t>(_index._ownLines.size());
     _index._ownLines.emplace_back();
@@ -238,34 +238,6 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
 /// Where a line with room left, whose end is therefore free, says which the next such line is.
 unsigned char* RangeIndexBuilder::linkOf(std::uint32_t line) noexcept {
   return _index._ownLines[line].bytes + RangeIndex::kLineBytes - sizeof line;
-}
-
-/// Puts the tuples behind the leaves, and turns the words of uniform blocks into places there.
-void RangeIndexBuilder::appendTuples() {
-  RangeIndex::Lines& lines = _index._ownLines;
-  const std::size_t leafLines = lines.size();
-  if ((leafLines + _tuples.size()) * kLineUnits > RangeIndex::kNumberMask) {
-    throw std::length_error("the IP table has too many ranges and attribute tuples to index");
-  }
-  RangeIndex::Lines all;
-  all.reserve(leafLines + _tuples.size());
-  all.assign(lines.begin(), lines.end());
-  RangeIndex::Lines().swap(lines);
-  for (const ravel::IPInfo& info : _tuples) {
-    const auto number = static_cast<std::uint32_t>(all.size() - leafLines);
-    all.emplace_back().tuple = {0, number, 0, info};
-  }
-  lines = std::move(all);
-  _index._leafLines = leafLines;
-
-  constexpr std::size_t kLeafUnit = offsetof(Line, tuple.number) / RangeIndex::kUnitBytes;
-  const auto place = [&](std::uint32_t& word) {
-    if ((word & 31u) != 0) return;
-    word = static_cast<std::uint32_t>((leafLines + (word >> 5)) * kLineUnits + kLeafUnit) << 5;
-  };
-  RangeIndex::Words& words = _index._ownWords;
-  for (std::size_t i = 1; i < RangeIndex::kDirectoryWords; i += 2) place(words[i]);
-  std::for_each(words.begin() + RangeIndex::kDirectoryWords, words.end(), place);
 }
 
 }  // namespace tolvar

@@ -7,21 +7,20 @@
 #include <vector>
 
 #include "src/index/range_index.h"
-#include "src/index/tuple_pool.h"
+#include "src/index/tuple_numbers.h"
 
 namespace tolvar {
 
 /// Turns sorted ranges into a RangeIndex, one /16 bucket at a time, so that beside the index itself
-/// it holds one bucket's break points and the hash table over the tuples. Confined to one thread.
+/// it holds one bucket's break points, and the numbers of the ranges' tuples. Confined to one
+/// thread.
 class RangeIndexBuilder {
  public:
-  explicit RangeIndexBuilder(std::size_t expectedRanges);
+  /// `ranges` outlive the builder.
+  explicit RangeIndexBuilder(std::span<const ravel::IPProperty> ranges);
 
-  /// Adds the next ranges in order. Throws std::bad_alloc and std::length_error.
-  void add(std::span<const ravel::IPProperty> ranges);
-
-  /// The finished index; the builder is used up.
-  RangeIndex finish();
+  /// The index; the builder is used up. Throws std::bad_alloc and std::length_error.
+  RangeIndex build();
 
  private:
   using Line = RangeIndex::Line;
@@ -46,8 +45,8 @@ class RangeIndexBuilder {
     std::uint32_t shift;
   };
 
-  void add(const ravel::IPProperty& range, std::uint64_t hash);
-  std::uint32_t tupleOf(const ravel::IPProperty& range, std::uint64_t hash);
+  void addTuples(const TupleNumbers& tuples);
+  void add(const ravel::IPProperty& range, std::uint32_t tuple);
   void setFrom(std::uint32_t address, std::uint32_t tuple);
   void closeBucketsBefore(std::uint32_t bucket);
 
@@ -57,13 +56,14 @@ class RangeIndexBuilder {
   std::uint32_t makeLeaf(std::uint32_t first, Breaks breaks);
   std::size_t placeLeaf(std::size_t units);
   unsigned char* linkOf(std::uint32_t line) noexcept;
-  void appendTuples();
+  void giveBackRoom();
+
+  static std::uint32_t uniformWord(std::uint32_t tuple) noexcept;
 
   static constexpr std::size_t kLineUnits = RangeIndex::kLineBytes / RangeIndex::kUnitBytes;
 
-  RangeIndex _index;  ///< its lines are those with leaves until the end
-  std::vector<ravel::IPInfo, qel::HugePageAllocator<ravel::IPInfo>> _tuples;  ///< by number
-  TuplePool _pool;
+  std::span<const ravel::IPProperty> _ranges;
+  RangeIndex _index;
   std::uint64_t _uncovered = 0;  ///< first address that no range so far reaches
   std::uint32_t _current = 0;    ///< tuple that holds from the last break point on
   std::uint32_t _bucket = 0;     ///< bucket that break points are gathered for

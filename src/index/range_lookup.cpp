@@ -16,20 +16,21 @@ void prefetch(const void* address) noexcept { __builtin_prefetch(address, 0, 3);
 
 void RangeLookup::findTuples(std::span<const std::uint32_t> ips,
                              std::uint32_t* tuples) const noexcept {
+  std::array<std::size_t, kGroup> numbers;
   std::array<std::uint32_t, kGroup> words;
   for (std::size_t begin = 0; begin < ips.size(); begin += kGroup) {
     const std::size_t count = std::min(kGroup, ips.size() - begin);
     const std::uint32_t* const group = ips.data() + begin;
     for (std::size_t i = 0; i < count; ++i) {
-      words[i] = secondWordNumber(group[i]);
-      prefetch(&_words[words[i]]);
+      numbers[i] = secondWordNumber(group[i]);
+      prefetch(&_words[numbers[i]]);
     }
     for (std::size_t i = 0; i < count; ++i) {
-      words[i] = resolve(words[i], group[i] & 0xFFFFu);
+      words[i] = resolve(numbers[i], group[i] & 0xFFFFu);
       prefetch(leafOf(words[i]));
     }
     for (std::size_t i = 0; i < count; ++i) {
-      tuples[begin + i] = searchLeaf(words[i], group[i] & 0xFFFFu);
+      tuples[begin + i] = searchLeaf(words[i], group[i] & 0xFFFFu) >> kNumberShift;
     }
   }
 }

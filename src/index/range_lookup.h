@@ -26,13 +26,13 @@ class RangeLookup {
  public:
   /// Number of the attribute tuple of the range that contains `ip` (host order); 0 when none does.
   std::uint32_t findTuple(std::uint32_t ip) const noexcept {
-    return searchLeaf(leafWord(ip), ip & 0xFFFFu);
+    return searchLeaf(leafWord(ip), ip & 0xFFFFu) >> kNumberShift;
   }
 
   /// Attributes of a tuple; `tuple` is below tupleCount(). Tuple 0 is all zeros. Valid as long as
   /// the index.
   const ravel::IPInfo& info(std::uint32_t tuple) const noexcept {
-    return _tuples[tuple].tuple.info;
+    return *reinterpret_cast<const ravel::IPInfo*>(_infos + kLineBytes * tuple);
   }
 
   /// Attributes of the range that contains `ip` (host order), nullptr when none does. Valid as long
@@ -45,12 +45,14 @@ class RangeLookup {
   /// Copies the attributes of the range that contains `ip` (host order) to `info` and answers true;
   /// on a miss answers false and leaves `info` as it is.
   bool lookup(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
-    const std::uint32_t tuple = findTuple(ip);
-    const ravel::IPInfo* source = &this->info(tuple);
-    if (tuple == 0) [[unlikely]]
+    // The number times the size of a line, without shifting it down first.
+    constexpr std::uint32_t kAtLine = ~std::uint32_t{kLineBytes - 1};
+    const std::uint32_t at = searchLeaf(leafWord(ip), ip & 0xFFFFu) >> 2 & kAtLine;
+    const auto* source = reinterpret_cast<const ravel::IPInfo*>(_infos + at);
+    if (at == 0) [[unlikely]]
       source = info;
     *info = *source;
-    return tuple != 0;
+    return at != 0;
   }
 
   /// Looks `ips.size()` addresses (host order) up, with the memory accesses of many of them under
@@ -73,6 +75,7 @@ class RangeLookup {
   static constexpr std::uint32_t kLeafKeys = 12;
   static constexpr std::size_t kLineBytes = 64;
   static constexpr std::size_t kUnitBytes = 8;
+  static constexpr std::uint32_t kNumberShift = 8;  ///< see searchLeaf
 
   union alignas(kLineBytes) Line {
     unsigned char bytes[kLineBytes];
@@ -94,17 +97,18 @@ class RangeLookup {
 
   const std::uint32_t* _words = nullptr;
   const unsigned char* _leaves = nullptr;
-  const Line* _tuples = nullptr;
+  const unsigned char* _infos = nullptr;  ///< the IPInfo of tuple 0; the others follow line by line
 
  private:
-  std::uint32_t secondWordNumber(std::uint32_t ip) const noexcept {
+  /// Of 64 bits, as all that addresses memory here: a sum of 32 would have to be cut off first.
+  std::size_t secondWordNumber(std::uint32_t ip) const noexcept {
     const std::uint32_t word = _words[2 * std::size_t{ip >> 16}];
-    return (word >> 5) + ((ip & 0xFFFFu) >> (word & 31u));
+    return std::size_t{word >> 5} + ((ip & 0xFFFFu) >> (word & 31u));
   }
 
   /// The leaf word that second word `number` is or leads to for the low 16 bits of an address.
   /// Nearly always it is one; a leaf behind each second word would take too much memory.
-  std::uint32_t resolve(std::uint32_t number, std::uint32_t low) const noexcept {
+  std::uint32_t resolve(std::size_t number, std::uint32_t low) const noexcept {
     std::uint32_t word = _words[number];
     while ((word & kDirectoryBit) != 0) [[unlikely]] {
         word = _words[((word >> 5) + (low >> (word & 15u))) & kNumberMask];
@@ -121,8 +125,8 @@ class RangeLookup {
   }
 
   /// Number of keys at `leaf` that are not above `low`, of `keys` (0 to 12) sorted ones.
-  static std::size_t countKeys(const unsigned char* leaf, std::uint32_t keys,
-                               std::uint32_t low) noexcept {
+  static std::uint32_t countKeys(const unsigned char* leaf, std::uint32_t keys,
+                                 std::uint32_t low) noexcept {
 #ifdef TOLVAR_INDEX_SSE2
     const __m128i key = _mm_set1_epi16(keyOf(low));
     const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(leaf));
@@ -132,7 +136,7 @@ class RangeLookup {
     const auto bits = static_cast<std::uint32_t>(_mm_movemask_epi8(above));
     return static_cast<std::uint32_t>(std::countr_zero(bits | (1u << keys)));
 #else
-    std::size_t count = 0;
+    std::uint32_t count = 0;
     for (std::uint32_t i = 0; i < keys; ++i) {
       std::int16_t key;
       std::memcpy(&key, leaf + 2 * i, sizeof key);
@@ -142,15 +146,15 @@ class RangeLookup {
 #endif
   }
 
+  /// The tuple's number in the upper 24 bits, something else below: it is read with the byte before
+  /// it, which is always one of the line.
   std::uint32_t searchLeaf(std::uint32_t word, std::uint32_t low) const noexcept {
     const std::uint32_t keys = word & 31u;
     const unsigned char* const leaf = leafOf(word);
-    const std::size_t count = countKeys(leaf, keys, low);
-    // Read with the byte before it, which is always one of the line, the number is on top.
-    std::uint32_t tuple;
-    const unsigned char* const numbers = leaf + 2 * std::size_t{keys};
-    std::memcpy(&tuple, numbers + 3 * count - 1, sizeof tuple);
-    return tuple >> 8;
+    const std::uint32_t at = 2 * keys + 3 * countKeys(leaf, keys, low);
+    std::uint32_t number;
+    std::memcpy(&number, leaf + at - 1, sizeof number);
+    return number;
   }
 };
 

@@ -1,11 +1,12 @@
 #include "src/index/range_index.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <limits>
 #include <random>
 
-#include "src/index/tuple_pool.h"
+#include "src/index/tuple_numbers.h"
 #include "tests/index/range_index_model.h"
 
 namespace tolvar_test {
@@ -212,17 +213,32 @@ TEST(RangeIndex, AgreesWithALinearScanOnCrowdedTables) { checkRandomTables(2, 60
 TEST(RangeIndex, AgreesWithALinearScanOnWideTables) { checkRandomTables(3, 60, 400, 1u << 22); }
 TEST(RangeIndex, AgreesWithALinearScanOnLargeTables) { checkRandomTables(4, 3, 3000, 1u << 17); }
 
-TEST(TuplePool, NumbersAttributesInOrderOfFirstAppearance) {
-  tolvar::TuplePool pool;
-  bool isNew = false;
-  for (std::uint32_t i = 0; i < 10000; ++i) {
-    EXPECT_EQ(pool.number(range(i, i, i * 1000000000ll), &isNew), i + 1);
-    EXPECT_TRUE(isNew);
+TEST(TupleNumbers, CountTuplesInTheOrderTheyFirstAppear) {
+  constexpr std::uint32_t kTuples = 10000;
+  vIPProperty table;
+  for (std::uint32_t i = 0; i < 3 * kTuples; ++i) {
+    table.push_back(range(i, i, (i % kTuples) * 1000000000ll));
+    table.back().flable = i << 8;  // only the low 8 bits count
   }
-  for (std::uint32_t i = 0; i < 10000; ++i) {
-    EXPECT_EQ(pool.number(range(7, 9, i * 1000000000ll), &isNew), i + 1);
-    EXPECT_FALSE(isNew);
-  }
+  const tolvar::TupleNumbers tuples(table);
+  ASSERT_EQ(tuples.count(), kTuples + 1);
+  for (std::uint32_t i = 0; i < table.size(); ++i)
+    ASSERT_EQ(tuples.ofRanges()[i], i % kTuples + 1) << i;
+  for (std::uint32_t i = 0; i < kTuples; ++i) ASSERT_EQ(tuples.info(i + 1).country, i);
+  EXPECT_EQ(tuples.info(0).district, 0);
+}
+
+TEST(TupleNumbers, EveryAttributeTellsTuplesApart) {
+  vIPProperty table(7, range(0, 0, 1));
+  table[1].place = 2;
+  table[2].extend = 1;
+  table[3].oper = 1;
+  table[4].nettype = 1;
+  table[5].apn = 1;
+  table[6].flable = 1;
+  const tolvar::TupleNumbers tuples(table);
+  EXPECT_EQ(tuples.count(), 8u);
+  EXPECT_THAT(tuples.ofRanges(), testing::ElementsAre(1, 2, 3, 4, 5, 6, 7));
 }
 
 }  // namespace
