@@ -108,8 +108,14 @@ class MemVector {
 
   /// Lays a new, empty vector into the `size` bytes at `addr`, 32 at least; zeroes them all.
   void create(void* addr, std::size_t size) noexcept {
-    init(addr);
     qel::sharedZero("vector block", addr, size);
+    createInZeros(addr, size);
+  }
+
+  /// The same where all bytes are zero already. It touches the head alone: what a new segment does
+  /// not need yet takes no memory then.
+  void createInZeros(void* addr, std::size_t size) noexcept {
+    init(addr);
     announce(size);
     setMaxIndex(0);
   }

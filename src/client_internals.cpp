@@ -32,18 +32,16 @@ void ClientInternals::publishRanges(std::size_t ranges, std::string digest) noex
   status.lastPublished = clock.time();
 }
 
-void ClientInternals::buildCodes(const CodeMaps& maps) {
-  auto names = std::make_shared<const CodeNames>(maps);
+void ClientInternals::buildCodes(std::shared_ptr<const CodeNames> names) {
   const auto current = tables.read();
   built = LookupSnapshot::withCodes(current.get(), std::move(names));
-  builtCodeEntries = entriesOf(maps);
 }
 
-void ClientInternals::publishCodes() noexcept {
+void ClientInternals::publishCodes(const CodeMaps& maps) noexcept {
   tables.publish(std::move(built));
   std::lock_guard<std::mutex> hold(statusMutex);
   status.codesReady = true;
-  status.codeEntries = builtCodeEntries;
+  status.codeEntries = entriesOf(maps);
 }
 
 void ClientInternals::buildAll(const ravel::vIPProperty& ranges,

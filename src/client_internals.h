@@ -46,10 +46,10 @@ struct ClientInternals {
   /// Publishes what buildRanges made.
   void publishRanges(std::size_t ranges, std::string digest) noexcept;
 
-  /// Resolves the ranges in use with the names of `maps`.
-  void buildCodes(const CodeMaps& maps);
-  /// Publishes what buildCodes made.
-  void publishCodes() noexcept;
+  /// Resolves the ranges in use with `names`.
+  void buildCodes(std::shared_ptr<const CodeNames> names);
+  /// Publishes what buildCodes made of the names of `maps`.
+  void publishCodes(const CodeMaps& maps) noexcept;
 
   /// Indexes `ranges`, which are sorted, under `names`: both as found in shared memory at the
   /// start.
@@ -96,7 +96,6 @@ struct ClientInternals {
 
   /// Made by the last build and not published yet.
   std::unique_ptr<const LookupSnapshot> built;
-  std::size_t builtCodeEntries = 0;
 
   // Update thread only.
   RetryBackoff downloadRetry;

@@ -7,6 +7,7 @@
 #include "src/client_log.h"
 #include "src/image_codec.h"
 #include "src/segment_layout.h"
+#include "src/side_task.h"
 
 using tolvar::kCodeTables;
 
@@ -113,15 +114,19 @@ void TolvarAPI::writeCodes(int target, const std::vector<ravel::CodeInfo>& codes
 
 void TolvarAPI::takeOverCodes(int target, const std::vector<ravel::CodeInfo>& codes) {
   // Filled aside, so that a want of memory leaves the names in use whole.
-  tolvar::ClientInternals::CodeMaps maps;
-  for (const ravel::CodeInfo& code : codes) {
-    if (knownType(code))
-      maps[code.codeType - 1].insert_or_assign(static_cast<std::uint64_t>(code.ID), code);
-  }
-  m_internals->buildCodes(maps);
+  const std::array<std::size_t, kCodeTables> counts = countByType(codes);
+  std::vector<ravel::CodeInfo> lists[kCodeTables];
+  for (std::size_t i = 0; i < kCodeTables; ++i) lists[i].reserve(counts[i]);
+  for (const ravel::CodeInfo& code : codes)
+    if (knownType(code)) lists[code.codeType - 1].push_back(code);
+  const auto names = std::make_shared<const tolvar::CodeNames>(lists);
+  tolvar::SideTask rows([&] { m_internals->buildCodes(names); });
+  tolvar::CodeMap maps[kCodeTables];
+  for (int i = 0; i < kCodeTables; ++i) maps[i] = tolvar::codeMapOf(std::move(lists[i]));
+  rows.finish();
   Lock hold(*this);
   for (int i = 0; i < kCodeTables; ++i) m_code_query_map[i].swap(maps[i]);
-  m_internals->publishCodes();
+  m_internals->publishCodes(m_code_query_map);
   for (int i = 0; i < kCodeTables; ++i) m_code_vector[i] = &m_code_vector_impl[i][target];
   announceReady(2);
 }

@@ -245,8 +245,12 @@ void TolvarAPI::layRegions(int shm_index, std::size_t total, bool connect_succes
   }
   ReadMemoryHead(shm_index, &m_memory_head[shm_index]);
   char* const segment = static_cast<char*>(shm.getPointer());
+  const auto create = [fresh = shm.iscreate()](auto* vector, char* block, std::size_t size) {
+    if (fresh) return vector->createInZeros(block, size);
+    vector->create(block, size);
+  };
   std::size_t offset = kHeadBytes + kSizeWordBytes;
-  m_ip_vector_impl[shm_index].create(segment + offset, sizes[0]);
+  create(&m_ip_vector_impl[shm_index], segment + offset, sizes[0]);
   m_holder[shm_index].ip_ptr.ReSet(segment + offset, sizes[0]);
   offset += sizes[0];
   for (int k = 0; k < kCodeTables; ++k) {
@@ -259,7 +263,7 @@ void TolvarAPI::layRegions(int shm_index, std::size_t total, bool connect_succes
                    << ", shm_address=" << static_cast<const void*>(segment)
                    << ", shm_total_size=" << total << ", shm_offset=" << offset
                    << ", address=" << static_cast<const void*>(block) << ", size=" << size);
-    m_code_vector_impl[k][shm_index].create(block, size);
+    create(&m_code_vector_impl[k][shm_index], block, size);
     m_holder[shm_index].code_ptr[k].ReSet(block, size);
     offset += size;
   }

@@ -205,9 +205,10 @@ TEST_F(InProcess, ServesManyThreadsWhileTablesAndHooksChange) {
     communicator.setCallHook([&](const std::string&, const std::string&) { ++hooked; });
     communicator.bind(kMain, {service});
   }
+  // The last hook stays, so it is called sooner or later.
+  while (hooked == 0) std::this_thread::yield();
   isOver = true;
   for (std::thread& client : clients) client.join();
-  EXPECT_GT(hooked, 0);
 }
 
 }  // namespace
