@@ -15,9 +15,16 @@ std::string causeOf(sqlite3* handle) {
   return error == 0 ? cause : cause + ", " + std::generic_category().message(error);
 }
 
+/// SQLite has a code of its own for a full disk, but not when it is its index that finds no space.
+int codeOf(sqlite3* handle) {
+  const int code = sqlite3_errcode(handle);
+  const int error = sqlite3_system_errno(handle);
+  return code == SQLITE_IOERR && (error == ENOSPC || error == EDQUOT) ? SQLITE_FULL : code;
+}
+
 /// What went wrong, and what to do about it.
 std::string explained(sqlite3* handle) {
-  switch (sqlite3_errcode(handle)) {
+  switch (codeOf(handle)) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED: return "another process is writing to it; try again when it is done";
     case SQLITE_FULL:

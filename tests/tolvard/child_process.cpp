@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -58,8 +59,10 @@ void ChildProcess::signal(int number) const { EXPECT_EQ(kill(_process, number), 
 
 int ChildProcess::awaitExit() {
   int status = 0;
-  EXPECT_EQ(waitpid(_process, &status, 0), _process);
+  rusage used{};
+  EXPECT_EQ(wait4(_process, &status, 0, &used), _process);
   _process = 0;
+  _peakKib = used.ru_maxrss;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

@@ -27,6 +27,9 @@ class ChildProcess {
   /// Exit status once it has ended, -1 when a signal ended it.
   int awaitExit();
 
+  /// The most memory it ever had resident, shared memory included, in KiB; behind awaitExit only.
+  long peakKib() const noexcept { return _peakKib; }
+
   pid_t id() const noexcept { return _process; }
 
  private:
@@ -35,6 +38,7 @@ class ChildProcess {
 
   pid_t _process = 0;
   int _output = -1;
+  long _peakKib = 0;
   std::string _unread;
 };
 

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <grpcpp/create_channel.h>
 
 #include <atomic>
 #include <chrono>
@@ -10,6 +11,8 @@
 #include "platform/exception.h"
 #include "tests/transport_grpc/scripted_server.h"
 #include "transport/grpc/grpc_communicator.h"
+#include "transport/grpc/page_ahead.h"
+#include "transport/grpc/page_call.h"
 
 namespace {
 
@@ -127,6 +130,31 @@ TEST_F(PageAhead, AnotherQuestionGetsItsOwnAnswer) {
   EXPECT_THAT(page(4), ElementsAre(5, 6));
   EXPECT_THAT(page(6, 3), ElementsAre(7, 8, 9));
   EXPECT_THAT(page(2), ElementsAre(3, 4));
+}
+
+TEST_F(PageAhead, AThreadThatEndedForWantOfWorkStartsAgain) {
+  tolvar::CallRegistry registry;
+  tolvar::Endpoint endpoint(
+      server.address(), grpc::CreateChannel(server.address(), grpc::InsecureChannelCredentials()));
+  tolvar::PageAhead ahead(registry, registry.newFamily(), tolvar::kDownloadPageMethod,
+                          milliseconds(0));
+  EXPECT_EQ(ahead.threadStarts(), 0u);
+  // Some pages are read by the thread, some by this one, and some are asked for while it ends.
+  constexpr std::uint32_t kPages = 400;
+  for (std::uint32_t i = 0; i < kPages; ++i) {
+    const std::uint32_t low = i % 4 * 2;
+    const tolvar::wire::PageQuery query{0, low, 2};
+    ahead.ask(endpoint, query, milliseconds(30000));
+    const auto bytes =
+        ahead.take(endpoint, query, std::chrono::system_clock::now() + std::chrono::seconds(30));
+    ASSERT_TRUE(bytes.has_value());
+    ravel::downloadInfo info;
+    tolvar::wire::decodePage(*bytes, query, info);
+    ASSERT_EQ(info.IPContent.size(), 2u);
+    EXPECT_EQ(info.IPContent[0].sequence, low + 1);
+    EXPECT_EQ(info.IPContent[1].sequence, low + 2);
+  }
+  EXPECT_GT(ahead.threadStarts(), 10u);
 }
 
 TEST_F(PageAhead, WhatFailedAheadIsAskedForAgain) {

@@ -101,10 +101,16 @@ void ImportCommand::checkWire() const {
 
 std::optional<service::StoredVersion> ImportCommand::store() {
   TableStore store = _store.open(TableStore::Mode::Create);
-  const service::StoredVersion added = store.add(
-      {*_table, _imported.ids, _file, std::time(nullptr), _keep, _served ? _served->number : 0});
-  store.checkpoint();
-  return added;
+  try {
+    const service::StoredVersion added = store.add(
+        {*_table, _imported.ids, _file, std::time(nullptr), _keep, _served ? _served->number : 0});
+    store.checkpoint();
+    return added;
+  } catch (const service::StoreError&) {
+    // While a service has the file open, the log would keep what it grew to: the rest of the disk.
+    store.checkpoint();
+    throw;
+  }
 }
 
 std::vector<std::string> ImportCommand::warnings() const {

@@ -55,8 +55,9 @@ struct PageAhead::Fetch {
   State state = State::Sent;
 };
 
-PageAhead::PageAhead(CallRegistry& registry, CallRegistry::Family family, const char* method)
-    : _registry(registry), _family(family), _method(method) {}
+PageAhead::PageAhead(CallRegistry& registry, CallRegistry::Family family, const char* method,
+                     std::chrono::milliseconds idleTime)
+    : _registry(registry), _family(family), _method(method), _idleTime(idleTime) {}
 
 PageAhead::~PageAhead() {
   {
@@ -66,6 +67,11 @@ PageAhead::~PageAhead() {
   }
   _changed.notify_all();
   if (_reader.joinable()) _reader.join();
+}
+
+std::uint64_t PageAhead::threadStarts() const {
+  const std::lock_guard lock(_mutex);
+  return _threadStarts;
 }
 
 void PageAhead::ask(const Endpoint& server, const wire::PageQuery& query,
@@ -127,6 +133,7 @@ void PageAhead::startReader() {
     if (_reader.joinable()) _reader.join();
     _reader = std::thread([this] { read(); });
     _hasReader = true;
+    ++_threadStarts;
   } catch (const std::exception&) {
     // Without a thread whoever takes the page reads it.
   }
@@ -137,7 +144,7 @@ void PageAhead::read() {
   const auto hasWork = [this] {
     return _ending || (_fetch && _fetch->state == Fetch::State::Sent);
   };
-  while (_changed.wait_for(lock, kIdleTime, hasWork) && !_ending) {
+  while (_changed.wait_for(lock, _idleTime, hasWork) && !_ending) {
     _reading = _fetch;
     _reading->state = Fetch::State::Claimed;
     lock.unlock();
