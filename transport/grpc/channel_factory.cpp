@@ -15,6 +15,9 @@ constexpr int kMaxBackoffMillis = 500;
 /// What a server may send of an answer before it hears from us again. About a page: with gRPC's own
 /// 64 KiB the first pages of a connection cost the server a third more processor time.
 constexpr int kStreamWindowBytes = 1048576;
+/// What a server may send in one piece. Every piece costs both sides, and gRPC's own 16 KiB make
+/// some fifty of a page; but an answer to another call on the connection may have to wait for one.
+constexpr int kFrameBytes = 262144;
 
 int millis(std::chrono::milliseconds duration) {
   constexpr std::chrono::milliseconds::rep kMost = std::numeric_limits<int>::max();
@@ -37,6 +40,7 @@ std::shared_ptr<grpc::Channel> makeChannel(
   arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, millis(options.keepaliveTimeout));
   arguments.SetInt(GRPC_ARG_CLIENT_IDLE_TIMEOUT_MS, millis(options.idleTimeout));
   arguments.SetInt(GRPC_ARG_HTTP2_STREAM_LOOKAHEAD_BYTES, kStreamWindowBytes);
+  arguments.SetInt(GRPC_ARG_HTTP2_MAX_FRAME_SIZE, kFrameBytes);
   // Connections belong to their communicator and close with it.
   arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
   // The service is reached as configured, whatever http_proxy or DNS TXT records say.
