@@ -132,7 +132,7 @@ class TolvarAPI : public qel::ZU_Thread,
   /// Asks the update thread to end after its current pass. Neither wakes nor joins it.
   void terminate();
 
-  /// State of the client; takes a lock that no lookup takes. Any thread.
+  /// State of the client; takes a lock that no lookup takes. Any thread. Throws std::bad_alloc.
   TolvarStatus status() const;
 
   // --- Lookups: any thread, no lock -------------------------------------------------------------
