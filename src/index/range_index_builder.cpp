@@ -85,7 +85,7 @@ RangeIndex RangeIndexBuilder::build() {
   closeBucketsBefore(RangeIndex::kBuckets);
   giveBackRoom();
   _index._words = _index._ownWords.data();
-  _index._leaves = _index._ownLines.data()->bytes;
+  _index._leaves = reinterpret_cast<const unsigned char*>(_index._ownLines.data());
   _index._infos = _index._leaves + offsetof(Line, tuple.info);
   return std::move(_index);
 }
@@ -191,7 +191,8 @@ RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block
 
 std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
   const std::size_t unit = placeLeaf(leafUnits(breaks.size()));
-  unsigned char* out = _index._ownLines.data()->bytes + unit * RangeIndex::kUnitBytes;
+  auto* out =
+      reinterpret_cast<unsigned char*>(_index._ownLines.data()) + unit * RangeIndex::kUnitBytes;
   for (const Break& point : breaks) {
     const std::int16_t key = RangeIndex::keyOf(point.key);
     std::memcpy(out, &key, kKeyBytes);
