@@ -30,8 +30,8 @@ class SmallDisk {
 };
 
 /// Runs `body` with a disk of `bytes` bytes on the existing directory `directory`; may be called
-/// from any thread. Returns why there can be none here, such as a process that may not mount, and
-/// does not run `body` then; empty otherwise.
+/// from any thread. Returns why there can be none here, for want of the right to mount, and
+/// does not run `body` then; empty otherwise. Any other failure to mount fails the test.
 std::string onSmallDisk(const std::string& directory, std::uint64_t bytes,
                         const std::function<void(const SmallDisk&)>& body);
 
