@@ -1,5 +1,6 @@
 #include "platform/toolkit.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -114,6 +115,43 @@ TEST(Toolkit, NeverReadsBeyondTheText) {
     std::uint32_t ip = 0;
     EXPECT_EQ(Toolkit::parseIPv4({block, size}, &ip), size >= whole.size() - 2) << size;
     delete[] block;
+  }
+}
+
+/// What the operating system makes of the text; a text with a zero byte is no address to it.
+bool systemParses(const std::string& text, std::uint32_t* ip) {
+  in_addr address{};
+  if (text.find('\0') != std::string::npos || inet_pton(AF_INET, text.c_str(), &address) != 1)
+    return false;
+  *ip = ntohl(address.s_addr);
+  return true;
+}
+
+TEST(Toolkit, OneWrongLetterIsAsWrongAsTheOperatingSystemFindsIt) {
+  std::mt19937 random(5);
+  const std::string letters("0123456789./:- \0\xAE\xFF", 18);
+  const auto expectSame = [](const std::string& text) {
+    std::uint32_t ours = 7;
+    std::uint32_t theirs = 7;
+    ASSERT_EQ(Toolkit::parseIPv4(text, &ours), systemParses(text, &theirs)) << text;
+    ASSERT_EQ(ours, theirs) << text;
+  };
+  for (int round = 0; round < 1000; ++round) {
+    std::string text;
+    for (int part = 0; part < 4; ++part) {
+      // Parts of one, two and three digits are equally frequent.
+      constexpr std::uint32_t kAbove[] = {10, 100, 256};
+      text += (part == 0 ? "" : ".") + std::to_string(random() % kAbove[random() % 3]);
+    }
+    expectSame(text);
+    for (std::size_t at = 0; at <= text.size(); ++at) {
+      if (at < text.size()) expectSame(std::string(text).erase(at, 1));
+      for (const char letter : letters) {
+        expectSame(std::string(text).insert(at, 1, letter));
+        if (at < text.size()) expectSame(std::string(text).replace(at, 1, 1, letter));
+      }
+      ASSERT_FALSE(HasFailure());
+    }
   }
 }
 
