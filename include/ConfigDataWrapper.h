@@ -37,9 +37,7 @@ class ConfigDataWrapper {
 
    private:
     friend class ConfigDataWrapper;
-    explicit Reader(const ConfigDataWrapper& wrapper) noexcept
-        : _slot(wrapper.query_using_inst0_.load(std::memory_order_seq_cst) ? &wrapper.inst0_
-                                                                           : &wrapper.inst1_) {}
+    explicit Reader(const ConfigDataWrapper& wrapper) noexcept : _slot(&wrapper.peek()) {}
     tolvar::ReadSection _section;  // first, so that it covers the load of the flag
     const T* _slot;
   };
@@ -51,6 +49,12 @@ class ConfigDataWrapper {
 
   /// The slot in use. Any thread.
   Reader getQueryData() const noexcept { return Reader(*this); }
+
+  /// The same for a caller that has begun a read section of its own and ends it after its last use
+  /// of the slot.
+  const T& peek() const noexcept {
+    return query_using_inst0_.load(std::memory_order_seq_cst) ? inst0_ : inst1_;
+  }
 
   /// The slot to fill; waits until its last reader has left. The writer's thread only.
   T& getUpdateData() noexcept {

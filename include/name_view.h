@@ -10,7 +10,7 @@ class IPNameView;
 
 namespace tolvar {
 class TupleNames;
-void copyNames(const IPNameView& names, IPHumanMessage* msg);
+void copyNames(const TupleNames& names, std::uint32_t tuple, IPHumanMessage* msg);
 }  // namespace tolvar
 
 /// The nine names of one answer, not copied: each call shows where a name's text lies, and the text
@@ -32,7 +32,8 @@ class IPNameView {
 
  private:
   friend class tolvar::TupleNames;
-  friend void tolvar::copyNames(const IPNameView& names, IPHumanMessage* msg);
+  friend void tolvar::copyNames(const tolvar::TupleNames& names, std::uint32_t tuple,
+                                IPHumanMessage* msg);
 
   static constexpr std::size_t kNames = 9;
 
@@ -54,15 +55,9 @@ class IPNameView {
       std::memcpy(&names, _text, sizeof names);
       return names[kName];
     }
-    return nameIn<kName>(_text);
-  }
-
-  /// The name, when they are one text, which is `text`.
-  template <std::size_t kName>
-  std::string_view nameIn(const char* text) const noexcept {
     std::size_t begin = 0;
     if constexpr (kName > 0) begin = _ends.of[kName - 1];
-    return {text + begin, _ends.of[kName] - begin};
+    return {_text + begin, _ends.of[kName] - begin};
   }
 
   const char* _text = "";

@@ -4,19 +4,20 @@
 #include "src/copy_names.h"
 
 bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) {
-  const bool found = m_internals->tables.with([=](const tolvar::LookupSnapshot* tables) {
+  enum class Answer : std::uint8_t { Missed, Found, FoundAndReported };
+  const auto answer = m_internals->tables.with([=, this](const tolvar::LookupSnapshot* tables) {
     const std::uint32_t tuple = tables->finder.findTuple(ip);
-    if (tuple == 0) return false;
-    tolvar::copyNames(tables->names->row(tuple), msg);
-    return true;
+    if (tuple == 0) return Answer::Missed;
+    tolvar::copyNames(*tables->names, tuple, msg);
+    return m_client_conf.peek().conf.statisOpen ? Answer::FoundAndReported : Answer::Found;
   });
-  if (found && m_client_conf.getQueryData()->conf.statisOpen) {
+  if (answer == Answer::FoundAndReported) [[unlikely]] {
     m_report.report(ravel::ECountry, msg->m_country);
     m_report.report(ravel::EProvince, msg->m_province);
     m_report.report(ravel::ECity, msg->m_city);
     m_report.report(ravel::EOperator, msg->m_oper);
   }
-  return found;
+  return answer != Answer::Missed;
 }
 
 bool TolvarAPI::getIPInfoFromStr(const std::string& ip, ravel::IPInfo* info) {

@@ -102,10 +102,13 @@ void TupleNames::findPlaces(const RangeIndex& ranges, std::size_t begin, std::si
 
 void TupleNames::chooseSize(const PlacesOfAll& places) {
   std::array<std::size_t, kRowSizes.size()> tooSmall{};
+  std::array<std::uint32_t, kNames> longest{};
   for (const Places& names : places) {
     const std::uint64_t text = textBytes(names);
     for (std::size_t i = 0; i < kRowSizes.size(); ++i) tooSmall[i] += !fits(text, kRowSizes[i]);
+    for (std::size_t i = 0; i < kNames; ++i) longest[i] = std::max(longest[i], names[i].length);
   }
+  for (std::size_t i = 0; i < kNames; ++i) _longNames |= unsigned{longest[i] > kShortName} << i;
   const auto chosen = std::find_if(tooSmall.begin(), tooSmall.end() - 1, [&](std::size_t apart) {
     return apart <= _tuples / kApartShare;
   });

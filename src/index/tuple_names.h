@@ -29,6 +29,9 @@ class TupleNames {
   /// not look at their lengths.
   static constexpr std::size_t kReadableBytes = CodeNames::kReadableBytes;
 
+  /// A longer name is a long one, in bytes: the room that a std::string has in itself.
+  static constexpr std::size_t kShortName = 15;
+
   /// Resolves the tuples of `ranges` (used during the call only) with `codes`, which the object
   /// keeps and which is not null. Throws std::bad_alloc.
   TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames> codes);
@@ -36,12 +39,14 @@ class TupleNames {
   /// The names of `tuple`, a number below tupleCount(). Tuple 0 has nine empty ones. Valid as long
   /// as the object.
   IPNameView row(std::uint32_t tuple) const noexcept {
-    return IPNameView(_lines.data()->bytes + std::size_t{tuple} * _rowBytes, _ends[tuple]);
+    return IPNameView(text(tuple), _ends[tuple]);
   }
 
   std::size_t tupleCount() const noexcept { return _tuples; }
 
  private:
+  friend void copyNames(const TupleNames& names, std::uint32_t tuple, IPHumanMessage* msg);
+
   struct alignas(64) Line {
     char bytes[64];
   };
@@ -54,6 +59,10 @@ class TupleNames {
   /// Of all tuples but 0, in order.
   using PlacesOfAll = std::vector<Places, qel::HugePageAllocator<Places>>;
 
+  const char* text(std::uint32_t tuple) const noexcept {
+    return _lines.data()->bytes + std::size_t{tuple} * _rowBytes;
+  }
+
   void findPlaces(const RangeIndex& ranges, std::size_t begin, std::size_t end, Places* all) const;
   void chooseSize(const PlacesOfAll& places);
   void write(const PlacesOfAll& places, std::size_t begin, std::size_t end);
@@ -62,6 +71,7 @@ class TupleNames {
   std::shared_ptr<const CodeNames> _codes;
   std::size_t _tuples;
   std::size_t _rowBytes = 0;
+  unsigned _longNames = 0;  ///< bit i: not every tuple's name i is short
   std::vector<Line, qel::HugePageAllocator<Line>> _lines;  ///< the rows
   std::vector<IPNameView::Ends, qel::HugePageAllocator<IPNameView::Ends>> _ends;
   std::vector<Views> _apart;  ///< names of the tuples whose text does not fit
