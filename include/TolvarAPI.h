@@ -33,7 +33,7 @@ namespace tolvar {
 struct ClientInternals;
 class RetryBackoff;
 enum class Step;
-struct ImageRecords;
+struct ImageContent;
 struct LookupSnapshot;
 class ClientTestAccess;
 }  // namespace tolvar
@@ -226,18 +226,18 @@ class TolvarAPI : public qel::ZU_Thread,
   void ReadMemoryHead(int shm_index, MemoryHead* head);
   void WriteMemoryHead(int shm_index, const MemoryHead& head);
   static std::size_t CalculateNextSize(std::size_t n);
-  void attachImage(int* ready, tolvar::ImageRecords* image);
+  void attachImage(int* ready, tolvar::ImageContent* image);
   std::size_t totalSize();
   void attachSegment(int shm_index, std::size_t total);
   bool connectRegions(int shm_index);
   void layRegions(int shm_index, std::size_t total, bool connect_success);
-  bool readImage(int shm_index, tolvar::ImageRecords* image);
-  void takeOverImage(tolvar::ImageRecords& image);
+  bool readImage(int shm_index, tolvar::ImageContent* image);
+  void takeOverImage(tolvar::ImageContent& image);
   void useSegment(int shm_index);
   bool acquireImageLock(int milliseconds);
   bool lockImage();
   bool lockImageForStart();
-  void attachForStart(int* ready, tolvar::ImageRecords* image);
+  void attachForStart(int* ready, tolvar::ImageContent* image);
   bool attachLate();
   void shareOwnTables();
   void forgetSegments() noexcept;

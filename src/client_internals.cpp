@@ -44,9 +44,9 @@ void ClientInternals::publishCodes(const CodeMaps& maps) noexcept {
   status.codeEntries = entriesOf(maps);
 }
 
-void ClientInternals::buildAll(const ravel::vIPProperty& ranges,
+void ClientInternals::buildAll(std::shared_ptr<const RangeIndex> ranges,
                                std::shared_ptr<const CodeNames> names) {
-  built = LookupSnapshot::make(indexOf(ranges), std::move(names));
+  built = LookupSnapshot::make(std::move(ranges), std::move(names));
 }
 
 void ClientInternals::publishBuilt(std::size_t ranges, const CodeMaps& maps) {

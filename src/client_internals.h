@@ -51,10 +51,9 @@ struct ClientInternals {
   /// Publishes what buildCodes made of the names of `maps`.
   void publishCodes(const CodeMaps& maps) noexcept;
 
-  /// Indexes `ranges`, which are sorted, under `names`: both as found in shared memory at the
-  /// start.
-  void buildAll(const ravel::vIPProperty& ranges, std::shared_ptr<const CodeNames> names);
-  /// Publishes what buildAll made of `ranges` ranges and the names of `maps`.
+  /// Puts `ranges` under `names`: both as found in shared memory at the start.
+  void buildAll(std::shared_ptr<const RangeIndex> ranges, std::shared_ptr<const CodeNames> names);
+  /// Publishes what buildAll made of an index of `ranges` ranges and the names of `maps`.
   void publishBuilt(std::size_t ranges, const CodeMaps& maps);
 
   void noteDigest(const std::string& digest);

@@ -13,9 +13,6 @@ namespace {
 /// From so many records on, a second thread saves more than it costs.
 constexpr std::size_t kParallelRecords = std::size_t{1} << 16;
 
-/// A code table's entry and its name take the time of so many ranges.
-constexpr std::size_t kRangesPerCode = 6;
-
 /// So many ranges, in memory that is cheap to fill.
 ravel::vIPProperty roomFor(std::size_t count) {
   ravel::vIPProperty ranges;
@@ -86,23 +83,6 @@ std::vector<ravel::CodeInfo> decodeCodes(const CodeVector& nodes) {
   std::vector<ravel::CodeInfo> codes(nodes.getMaxIndex());
   decodeSome(nodes, 0, codes.size(), codes.data());
   return codes;
-}
-
-ImageRecords decodeImage(const IPVector& ranges, const std::array<const CodeVector*, 8>& codes) {
-  ImageRecords image;
-  const std::size_t count = ranges.getMaxIndex();
-  std::size_t codeCount = 0;
-  for (const CodeVector* nodes : codes) codeCount += nodes->getMaxIndex();
-  const std::size_t share = std::min(count, (count + codeCount * kRangesPerCode) / 2);
-  image.ranges = roomFor(count);
-  SideTask rest([&] {
-    for (std::size_t k = 0; k < codes.size(); ++k) image.codes[k] = decodeCodes(*codes[k]);
-    image.names = std::make_shared<const CodeNames>(image.codes);
-    decodeSome(ranges, share, count, image.ranges.data());
-  });
-  decodeSome(ranges, 0, share, image.ranges.data());
-  rest.finish();
-  return image;
 }
 
 void appendNode(const ravel::CodeInfo& record, CodeVector* nodes) {

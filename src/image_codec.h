@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <memory>
 #include <span>
 #include <string>
 #include <unordered_map>
@@ -11,7 +10,6 @@
 #include "include/memVector.h"
 #include "platform/md5.h"
 #include "records/records.h"
-#include "src/index/code_names.h"
 
 /// Between records and the node vectors of the shared image. Knows nothing of segments or clients.
 namespace tolvar {
@@ -42,24 +40,13 @@ std::string contentDigest(std::span<const ravel::IPProperty> ranges);
 /// Entries by id; of several with the same id the last one.
 using CodeMap = std::unordered_map<std::uint64_t, ravel::CodeInfo>;
 
-/// The decoded content of a data segment.
-struct ImageRecords {
-  ravel::vIPProperty ranges;               ///< in the order of the nodes
-  std::vector<ravel::CodeInfo> codes[8];   ///< in the order of the nodes
-  std::shared_ptr<const CodeNames> names;  ///< of `codes`
-};
-
 /// Puts a table in order; one that is in order already, as the service's are, costs a look.
 void sortTable(ravel::vIPProperty* ranges);
 
-/// Every node written, in node order. Throws qel::VekDecodeException or memVectorException at the
-/// first that is no such record.
+/// Every node written, in node order; a large table on two threads. Throws qel::VekDecodeException
+/// or memVectorException at the first that is no such record.
 ravel::vIPProperty decodeTable(const IPVector& nodes);
 std::vector<ravel::CodeInfo> decodeCodes(const CodeVector& nodes);
-
-/// Everything, on two threads. `codes` are the vectors of the code tables. Throws as the others do,
-/// and std::length_error when the names take 4 GiB or more.
-ImageRecords decodeImage(const IPVector& ranges, const std::array<const CodeVector*, 8>& codes);
 
 /// Appends the record as a node. Throws memVectorException, and leaves the vector as it was, when
 /// the vector is full or the encoding does not fit a node.

@@ -7,9 +7,8 @@
 #include "platform/shared_write_point.h"
 #include "src/client_internals.h"
 #include "src/client_log.h"
-#include "src/image_codec.h"
+#include "src/image_reader.h"
 #include "src/segment_layout.h"
-#include "src/side_task.h"
 
 using tolvar::kCodeTables;
 using tolvar::kHeadBytes;
@@ -102,7 +101,7 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
   m_internals->unshared = !lockImageForStart();
 
   int ready = -1;
-  tolvar::ImageRecords image;
+  tolvar::ImageContent image;
   if (!m_internals->unshared) attachForStart(&ready, &image);
   if (!m_internals->unshared) noteSuccess(tolvar::Step::ShareMemory);
   // Whatever the other segment holds, it need not be the image chosen here.
@@ -143,7 +142,7 @@ std::size_t TolvarAPI::totalSize() {
 
 /// Attaches both segments, and lays those anew that are new or damaged. `*ready` becomes the first
 /// that is ready, if any; its content goes into `*image` unless that is null.
-void TolvarAPI::attachImage(int* ready, tolvar::ImageRecords* image) {
+void TolvarAPI::attachImage(int* ready, tolvar::ImageContent* image) {
   const std::size_t total = totalSize();
   for (int shm_index = 0; shm_index < 2; ++shm_index) {
     attachSegment(shm_index, total);
@@ -213,12 +212,12 @@ bool TolvarAPI::connectRegions(int shm_index) {
   return connect_success;
 }
 
-bool TolvarAPI::readImage(int shm_index, tolvar::ImageRecords* image) {
+bool TolvarAPI::readImage(int shm_index, tolvar::ImageContent* image) {
   try {
     std::array<const CodeVector*, kCodeTables> codes;
     for (int k = 0; k < kCodeTables; ++k)
       codes[static_cast<std::size_t>(k)] = &m_code_vector_impl[k][shm_index];
-    *image = tolvar::decodeImage(m_ip_vector_impl[shm_index], codes);
+    *image = tolvar::readImage(m_ip_vector_impl[shm_index], codes);
     return true;
   } catch (const std::bad_alloc&) {
     throw;  // that is no fault of the image
@@ -277,26 +276,14 @@ void TolvarAPI::useSegment(int shm_index) {
   for (int k = 0; k < kCodeTables; ++k) m_code_vector[k] = &m_code_vector_impl[k][shm_index];
 }
 
-void TolvarAPI::takeOverImage(tolvar::ImageRecords& image) {
-  std::string digest;
-  const auto digestRanges = [&] { digest = tolvar::contentDigest(image.ranges); };
-  // The digest is that of the nodes as they stand, the index wants them in order.
-  const bool sorted = std::is_sorted(image.ranges.begin(), image.ranges.end());
-  if (!sorted) {
-    digestRanges();
-    std::sort(image.ranges.begin(), image.ranges.end());
-  }
-  tolvar::SideTask index([this, &image] { m_internals->buildAll(image.ranges, image.names); });
-  if (sorted) digestRanges();
-  tolvar::CodeMap maps[kCodeTables];
-  for (int k = 0; k < kCodeTables; ++k) maps[k] = tolvar::codeMapOf(std::move(image.codes[k]));
-  index.finish();
-  takeDigest(digest, image.ranges.size());
+void TolvarAPI::takeOverImage(tolvar::ImageContent& image) {
+  m_internals->buildAll(std::move(image.index), std::move(image.names));
+  takeDigest(image.digest, image.ranges.size());
 
   std::lock_guard<qel::ZU_ThreadMutex> hold(m_has_initialized_mutex);
   m_has_initialized = 3;
   m_ip_query_vec = std::move(image.ranges);
-  std::move(std::begin(maps), std::end(maps), std::begin(m_code_query_map));
+  std::move(std::begin(image.codes), std::end(image.codes), std::begin(m_code_query_map));
   m_internals->publishBuilt(m_ip_query_vec.size(), m_code_query_map);
   m_has_initialized_cond.broadcast();
 }

@@ -24,7 +24,7 @@ bool isWant(const qel::ZU_Exception& error) {
 
 /// As attachImage, but where the segments cannot be had the client goes on without them. What lies
 /// behind a key and is not ours, or damaged beyond use, is not passed over like that.
-void TolvarAPI::attachForStart(int* ready, tolvar::ImageRecords* image) {
+void TolvarAPI::attachForStart(int* ready, tolvar::ImageContent* image) {
   try {
     attachImage(ready, image);
   } catch (const qel::ZU_Exception& error) {

@@ -84,7 +84,8 @@ class ClientTestAccess {
 
   /// Makes these what lookups read, without an image: what a start does with what it found in one.
   void publishAll(const ravel::vIPProperty& ranges, const ClientInternals::CodeMaps& maps) {
-    internals().buildAll(ranges, std::make_shared<const CodeNames>(maps));
+    internals().buildAll(std::make_shared<const RangeIndex>(RangeIndex::build(ranges)),
+                         std::make_shared<const CodeNames>(maps));
     internals().publishBuilt(ranges.size(), maps);
   }
 
