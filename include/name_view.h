@@ -5,12 +5,8 @@
 #include <cstring>
 #include <string_view>
 
-struct IPHumanMessage;
-class IPNameView;
-
 namespace tolvar {
 class TupleNames;
-void copyNames(const TupleNames& names, std::uint32_t tuple, IPHumanMessage* msg);
 }  // namespace tolvar
 
 /// The nine names of one answer, not copied: each call shows where a name's text lies, and the text
@@ -32,8 +28,6 @@ class IPNameView {
 
  private:
   friend class tolvar::TupleNames;
-  friend void tolvar::copyNames(const tolvar::TupleNames& names, std::uint32_t tuple,
-                                IPHumanMessage* msg);
 
   static constexpr std::size_t kNames = 9;
 

@@ -9,8 +9,8 @@ namespace {
 
 #ifdef __cpp_lib_string_resize_and_overwrite
 
-/// Bytes that every string has room for without asking for memory, and bytes that a string has room
-/// for once it held a name that is longer.
+/// Bytes that every string has room for without asking for memory, and bytes that a string gets
+/// room for where a name may be longer.
 constexpr std::size_t kShort = TupleNames::kShortName;
 constexpr std::size_t kRoomy = 31;
 #ifndef __clang__  // for which this is no constant, with the same library
@@ -18,38 +18,62 @@ static_assert(std::string().capacity() >= kShort);
 #endif
 static_assert(kRoomy < TupleNames::kReadableBytes);
 
-/// Out of the way of the other names, whose copies then need no call.
-[[gnu::noinline]] void assignLong(std::string_view name, std::string* out) {
-  out->reserve(kRoomy);
-  out->assign(name);
-}
-
+/// `length` is at most kBytes, and `*out` has room for kBytes.
 template <std::size_t kBytes>
-[[gnu::always_inline]] inline void overwrite(std::string_view name, std::string* out) {
+[[gnu::always_inline]] inline void overwrite(const char* name, std::size_t length,
+                                             std::string* out) {
   // No string has less room than an empty one; known, this saves a comparison.
   if (out->capacity() < kShort) __builtin_unreachable();
-  out->resize_and_overwrite(kBytes, [name](char* text, std::size_t) {
-    std::memcpy(text, name.data(), kBytes + 1);  // over the terminating zero, which comes back
-    return name.size();
+  out->resize_and_overwrite(kBytes, [name, length](char* text, std::size_t) {
+    std::memcpy(text, name, kBytes + 1);  // over the terminating zero, which comes back
+    return length;
   });
 }
 
-/// Where all names are short, a copy is a few instructions. Where some are not, a name is copied
-/// with what follows it, as much as the string has room for, and cut off then: how long names are
-/// is nothing a processor could guess, and each wrong guess would cost more than the whole copy.
-/// How much room a string has stays the same from answer to answer.
-[[gnu::always_inline]] inline void assign(std::string_view name, bool mayBeLong, std::string* out) {
-  if (!mayBeLong) [[likely]]
-    return overwrite<kShort>(name, out);
+/// Copies name `kName` and moves `*text` from it to the next one. False when that is not as simple
+/// as this: a name is copied with what follows it, as much as the string has room for, and cut off
+/// then. How long names are is nothing a processor could guess, and each wrong guess would cost
+/// more than the whole copy; how much room a string has stays the same from answer to answer.
+template <std::size_t kName>
+[[gnu::always_inline]] inline bool copyName(const std::uint8_t* lengths, unsigned longNames,
+                                            const char** text, std::string* out) {
+  const std::size_t length = lengths[kName];
+  const char* const name = *text;
+  *text += length;
+  if ((longNames & 1u << kName) == 0) [[likely]] {
+    overwrite<kShort>(name, length, out);
+    return true;
+  }
   // Told apart, or the compiler would ask for the room before it knows whether it matters.
   __asm__("" : "+r"(out));
-  if (out->capacity() < kRoomy) [[likely]] {
-    if (name.size() <= kShort) [[likely]]
-      return overwrite<kShort>(name, out);
-  } else if (name.size() <= kRoomy) [[likely]] {
-    return overwrite<kRoomy>(name, out);
-  }
-  assignLong(name, out);
+  if (out->capacity() < kRoomy || length > kRoomy) [[unlikely]]
+    return false;
+  overwrite<kRoomy>(name, length, out);
+  return true;
+}
+
+/// A string that may have to hold a long name gets room for one, and the next copy is simple.
+void assign(std::string_view name, bool mayBeLong, std::string* out) {
+  if (mayBeLong && out->capacity() < kRoomy) out->reserve(kRoomy);
+  out->assign(name);
+}
+
+[[gnu::always_inline]] inline bool copySimply(const TupleNames& names, std::uint32_t tuple,
+                                              IPHumanMessage* msg) {
+  const TupleNames::Text text = names.text(tuple);
+  if (text.lengths[0] == TupleNames::kApart) [[unlikely]]
+    return false;
+  const unsigned longNames = names.longNames();
+  const char* name = text.names;
+  return copyName<0>(text.lengths, longNames, &name, &msg->m_country) &&
+         copyName<1>(text.lengths, longNames, &name, &msg->m_province) &&
+         copyName<2>(text.lengths, longNames, &name, &msg->m_city) &&
+         copyName<3>(text.lengths, longNames, &name, &msg->m_district) &&
+         copyName<4>(text.lengths, longNames, &name, &msg->m_extend) &&
+         copyName<5>(text.lengths, longNames, &name, &msg->m_oper) &&
+         copyName<6>(text.lengths, longNames, &name, &msg->m_nettype) &&
+         copyName<7>(text.lengths, longNames, &name, &msg->m_apn) &&
+         copyName<8>(text.lengths, longNames, &name, &msg->m_flable);
 }
 
 #else
@@ -64,50 +88,33 @@ void assign(std::string_view name, bool, std::string* out) {
   }
 }
 
+bool copySimply(const TupleNames&, std::uint32_t, IPHumanMessage*) { return false; }
+
 #endif
 
-/// Copies name `kName`, which begins at `*begin`, and moves `*begin` to its end. A number of the
-/// caller's own tells where a name begins: read again where the name before it ends, it would have
-/// to be read from memory, which the text just written could have changed for all a compiler knows.
-template <std::size_t kName>
-[[gnu::always_inline]] inline void copyName(const char* text, const std::uint8_t* ends,
-                                            unsigned longNames, std::size_t* begin,
-                                            std::string* out) {
-  const std::size_t end = ends[kName];
-  assign({text + *begin, end - *begin}, (longNames & 1u << kName) != 0, out);
-  *begin = end;
-}
-
-void copyApart(const IPNameView& names, IPHumanMessage* msg) {
-  msg->m_country = names.country();
-  msg->m_province = names.province();
-  msg->m_city = names.city();
-  msg->m_district = names.district();
-  msg->m_extend = names.extend();
-  msg->m_oper = names.oper();
-  msg->m_nettype = names.nettype();
-  msg->m_apn = names.apn();
-  msg->m_flable = names.flable();
+/// Any names, into any strings. Apart from the simple copy, which then calls nothing and need not
+/// keep registers for others.
+[[gnu::noinline]] void copyAny(const TupleNames& names, std::uint32_t tuple, IPHumanMessage* msg) {
+  const IPNameView view = names.row(tuple);
+  const auto mayBeLong = [longNames = names.longNames()](int name) {
+    return (longNames >> name & 1u) != 0;
+  };
+  assign(view.country(), mayBeLong(0), &msg->m_country);
+  assign(view.province(), mayBeLong(1), &msg->m_province);
+  assign(view.city(), mayBeLong(2), &msg->m_city);
+  assign(view.district(), mayBeLong(3), &msg->m_district);
+  assign(view.extend(), mayBeLong(4), &msg->m_extend);
+  assign(view.oper(), mayBeLong(5), &msg->m_oper);
+  assign(view.nettype(), mayBeLong(6), &msg->m_nettype);
+  assign(view.apn(), mayBeLong(7), &msg->m_apn);
+  assign(view.flable(), mayBeLong(8), &msg->m_flable);
 }
 
 }  // namespace
 
 void copyNames(const TupleNames& names, std::uint32_t tuple, IPHumanMessage* msg) {
-  const IPNameView::Ends& ends = names._ends[tuple];
-  if (ends.apart != 0) [[unlikely]]
-    return copyApart(names.row(tuple), msg);
-  const char* const text = names.text(tuple);
-  const unsigned longNames = names._longNames;
-  std::size_t begin = 0;
-  copyName<0>(text, ends.of, longNames, &begin, &msg->m_country);
-  copyName<1>(text, ends.of, longNames, &begin, &msg->m_province);
-  copyName<2>(text, ends.of, longNames, &begin, &msg->m_city);
-  copyName<3>(text, ends.of, longNames, &begin, &msg->m_district);
-  copyName<4>(text, ends.of, longNames, &begin, &msg->m_extend);
-  copyName<5>(text, ends.of, longNames, &begin, &msg->m_oper);
-  copyName<6>(text, ends.of, longNames, &begin, &msg->m_nettype);
-  copyName<7>(text, ends.of, longNames, &begin, &msg->m_apn);
-  copyName<8>(text, ends.of, longNames, &begin, &msg->m_flable);
+  if (!copySimply(names, tuple, msg)) [[unlikely]]
+    copyAny(names, tuple, msg);
 }
 
 }  // namespace tolvar

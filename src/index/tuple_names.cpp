@@ -12,9 +12,6 @@ namespace {
 /// Row sizes to choose from, in bytes: a row touches no more cache lines than it has to.
 constexpr std::array<std::size_t, 5> kRowSizes = {32, 64, 128, 192, 256};
 
-/// So long is a text whose ends are told by a byte each.
-constexpr std::uint64_t kLongestText = 255;
-
 /// Of this many tuples, one may have names that do not fit into a row: few enough for the lookups
 /// of popular places, which nobody can tell beforehand, not to take the longer way.
 constexpr std::size_t kApartShare = 4096;
@@ -51,8 +48,11 @@ std::uint64_t textBytes(const Places& places) {
   return bytes;
 }
 
+/// The ends in a row's text, and the lengths, are told by a byte each.
+static_assert(kRowSizes.back() - TupleNames::kNames < TupleNames::kApart);
+
 bool fits(std::uint64_t text, std::size_t rowBytes) noexcept {
-  return text <= std::min<std::uint64_t>(rowBytes, kLongestText);
+  return text <= rowBytes - TupleNames::kNames;
 }
 
 }  // namespace
@@ -125,7 +125,7 @@ void TupleNames::write(const PlacesOfAll& places, std::size_t begin, std::size_t
     const auto first = places.begin();
     apart += std::count_if(first, first + static_cast<std::ptrdiff_t>(begin), isApart);
   }
-  char* row = _lines.data()->bytes + begin * _rowBytes;
+  Byte* row = _lines.data()->bytes + begin * _rowBytes;
   for (std::size_t entry = begin; entry < end; ++entry) {
     row += _rowBytes;
     if (entry + kAhead < end) {
@@ -139,12 +139,13 @@ void TupleNames::write(const PlacesOfAll& places, std::size_t begin, std::size_t
     Views& views = *apart++;
     for (std::size_t i = 0; i < kNames; ++i) views[i] = _codes->view(places[entry][i]);
     const std::string_view* const first = views.data();
-    std::memcpy(row, &first, sizeof first);
+    row[0] = kApart;
+    std::memcpy(row + kNames, &first, sizeof first);
     ends.apart = 1;
   }
 }
 
-IPNameView::Ends TupleNames::writeText(const Places& places, char* row) const {
+IPNameView::Ends TupleNames::writeText(const Places& places, Byte* row) const {
   // Made aside of whole pieces, for whose copies the names' lengths need not be looked at.
   std::array<char, kRowSizes.back() + kReadableBytes> text;
   IPNameView::Ends ends;
@@ -156,10 +157,11 @@ IPNameView::Ends TupleNames::writeText(const Places& places, char* row) const {
       std::memcpy(text.data() + end + copied, name.data() + copied, kReadableBytes);
       copied += kReadableBytes;
     } while (copied < name.size());
+    row[i] = static_cast<Byte>(name.size());
     end += name.size();
     ends.of[i] = static_cast<std::uint8_t>(end);
   }
-  std::memcpy(row, text.data(), end);
+  std::memcpy(row + kNames, text.data(), end);
   return ends;
 }
 
