@@ -15,9 +15,10 @@ namespace tolvar::wire {
 /// time, without a branch on the length of each.
 ///
 /// A window of 64 bytes becomes a mask of the bytes that end a value; the values are cut out along
-/// the mask's bits, and the gaps that the top bits left are closed afterwards, for many values at
-/// once. Values too long for this are read byte by byte. Reads up to kReadAhead bytes behind the
-/// field, which must be readable (see PageBytes); never takes a value from there.
+/// the mask's bits, and what follows them and the gaps that the top bits left are taken out of them
+/// afterwards, for many values at once. Values too long for this are read byte by byte. Reads up to
+/// kReadAhead bytes behind the field, which must be readable (see PageBytes); never takes a value
+/// from there.
 class PackedColumn {
  public:
   static constexpr std::size_t kReadAhead = 64;
@@ -58,17 +59,6 @@ class PackedColumn {
  private:
   static constexpr std::size_t kWindow = 64;
   static constexpr std::uint64_t kTopBits = 0x8080808080808080;
-  /// The bits of a value of so many bytes.
-  static constexpr std::uint64_t kValueBits[] = {0,
-                                                 0x7f,
-                                                 0x7f7f,
-                                                 0x7f7f7f,
-                                                 0x7f7f7f7f,
-                                                 0x7f7f7f7f7f,
-                                                 0x7f7f7f7f7f7f,
-                                                 0x7f7f7f7f7f7f7f,
-                                                 0x7f7f7f7f7f7f7f7f};
-
   /// The next bytes, the first one lowest.
   template <class Word>
   static Word load(const std::uint8_t* from) noexcept {
@@ -132,12 +122,19 @@ class PackedColumn {
         return false;
       ends = lowestOf(ends, static_cast<std::size_t>(last - to));
       const std::uint8_t* const behind = window + 1;
-      do {
-        const std::uint8_t* const next = behind + static_cast<unsigned>(std::countr_zero(ends));
+      const auto cut = [&]() noexcept {
+        *to++ = load<T>(value);  // and what follows it: closeGaps cuts that off
+        value = behind + static_cast<unsigned>(std::countr_zero(ends));
         ends &= ends - 1;
-        *to++ = load<T>(value) & static_cast<T>(kValueBits[next - value]);
-        value = next;
-      } while (ends != 0);
+      };
+      unsigned values = countOf(ends);
+      for (; values >= 4; values -= 4) {
+        cut();
+        cut();
+        cut();
+        cut();
+      }
+      for (; values != 0; --values) cut();
     }
     _value = value;
     closeGaps(count, out);
@@ -153,24 +150,38 @@ class PackedColumn {
     return bits != 0;
   }
 
+  /// Number of bits that are set; where processors cannot be taken to count them, std::popcount is
+  /// a call.
+  static unsigned countOf(std::uint64_t bits) noexcept {
+    bits -= bits >> 1 & 0x5555555555555555;
+    bits = (bits & 0x3333333333333333) + (bits >> 2 & 0x3333333333333333);
+    bits = (bits + (bits >> 4)) & 0x0f0f0f0f0f0f0f0f;
+    return static_cast<unsigned>(bits * 0x0101010101010101 >> 56);
+  }
+
   /// The lowest `count` of the bits that are set.
   static std::uint64_t lowestOf(std::uint64_t bits, std::size_t count) noexcept {
-    if (count >= kWindow || count >= static_cast<std::size_t>(std::popcount(bits))) return bits;
+    if (count >= kWindow || count >= countOf(bits)) return bits;
     std::uint64_t others = bits;
     for (std::size_t i = 0; i < count; ++i) others &= others - 1;
     return bits ^ others;
   }
 
-  /// Joins the groups of 7 bits of every value: in pairs, then fours, then all eight.
+  /// Cuts every value off behind its lowest byte without a top bit, and joins its groups of 7 bits:
+  /// in pairs, then fours, then all eight.
   template <class T>
   static void closeGaps(std::size_t count, T* values) noexcept {
     for (std::size_t i = 0; i < count; ++i) {
       if constexpr (sizeof(T) == 4) {
         auto x = static_cast<std::uint32_t>(values[i]);
+        const std::uint32_t ends = ~x & static_cast<std::uint32_t>(kTopBits);
+        x &= ends ^ (ends - 1);
         x = (x & 0x007f007f) | (x & 0x7f007f00) >> 1;
         values[i] = static_cast<T>((x & 0x00003fff) | (x & 0x3fff0000) >> 2);
       } else {
         auto x = static_cast<std::uint64_t>(values[i]);
+        const std::uint64_t ends = ~x & kTopBits;
+        x &= ends ^ (ends - 1);
         x = (x & 0x007f007f007f007f) | (x & 0x7f007f007f007f00) >> 1;
         x = (x & 0x00003fff00003fff) | (x & 0x3fff00003fff0000) >> 2;
         values[i] = static_cast<T>((x & 0x000000000fffffff) | (x & 0x0fffffff00000000) >> 4);
