@@ -141,15 +141,6 @@ class Registrar {
         return found;
       });
     });
-    add("names/one_byte", 1, [index = &_scene.index(), q = _queries](benchmark::State& s) {
-      char text[16] = {};
-      each(s, *q, [&](std::uint32_t ip) {
-        const std::uint32_t tuple = index->findTuple(ip);
-        text[tuple % sizeof text] = 0;
-        benchmark::DoNotOptimize(text);
-        return tuple != 0;
-      });
-    });
     addMessage("names/message", &_scene.api());
     addMessage("names/message_reported", &_scene.reportingApi());
     add("names/mmdb_names", 1, [m = &_scene.mmdb(), q = _queries](benchmark::State& s) {

@@ -208,11 +208,7 @@ ways to answer the same questions about the same table, in one process. `lower_b
 std::lower_bound over the 48-byte records; `mmdb` is libmaxminddb over a database made from the same
 ranges, with the entry alone (`find`), with four ids (`ids`) and with four names (`names`). `no_search`
 is a limit, not a contestant: one directory word, one random leaf line, one tuple line and the copy of
-the result, without any search. `one_byte` is a limit of messages: the bare index, and one byte stored
-at a place that depends on the answer, as the zero behind a string's text is. Where a processor holds
-the loads after such a store back until it knows the place (as some do against speculative store bypass,
-virtual machines above all), it begins no lookup before the one before has ended. Numbers and views
-need no such store.
+the result, without any search.
 
 Queries: `ranges` draws a range evenly and an address in it, `uniform` draws addresses, `zipf` draws
 the k-th most popular range with weight 1/k, `log` adds the repeats and interleaving of an access log.
