@@ -9,7 +9,7 @@
 #
 # Installs missing Debian packages first (scripts/install_deps.sh) and builds in build/bench.
 # JOBS sets the number of compilers at a time (default: one per processor). REPETITIONS sets how often
-# each lookup case is measured (default: 7); the smallest time counts.
+# each lookup case is measured (default: 15); the smallest time counts.
 set -eu
 
 cd -- "$(dirname -- "$0")/.."
@@ -39,7 +39,7 @@ while [ $# -gt 0 ]; do
 done
 
 jobs=${JOBS:-$(nproc)}
-repetitions=${REPETITIONS:-7}
+repetitions=${REPETITIONS:-15}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
