@@ -53,9 +53,16 @@ template <std::size_t kName>
 }
 
 /// A string that may have to hold a long name gets room for one, and the next copy is simple.
+/// `name` comes from a TupleNames, and is longer than kShort only where `mayBeLong`.
 void assign(std::string_view name, bool mayBeLong, std::string* out) {
   if (mayBeLong && out->capacity() < kRoomy) out->reserve(kRoomy);
-  out->assign(name);
+  if (name.size() <= kShort) {
+    overwrite<kShort>(name.data(), name.size(), out);
+  } else if (name.size() <= kRoomy) {
+    overwrite<kRoomy>(name.data(), name.size(), out);
+  } else {
+    out->assign(name);
+  }
 }
 
 [[gnu::always_inline]] inline bool copySimply(const TupleNames& names, std::uint32_t tuple,
