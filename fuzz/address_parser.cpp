@@ -1,30 +1,20 @@
 // Texts as addresses and networks, held against inet_pton and against what is printed of the
 // result.
 
-#include <arpa/inet.h>
-
 #include <string>
 
 #include "fuzz/require.h"
 #include "platform/toolkit.h"
 #include "service/address_text.h"
+#include "tests/support/system_address.h"
 
 namespace {
-
-/// What the operating system makes of the text; a text with a zero byte is no address to it.
-bool systemParses(const std::string& text, std::uint32_t* ip) {
-  in_addr address{};
-  if (text.find('\0') != std::string::npos || inet_pton(AF_INET, text.c_str(), &address) != 1)
-    return false;
-  *ip = ntohl(address.s_addr);
-  return true;
-}
 
 void checkAddress(const std::string& text) {
   constexpr std::uint32_t kUntouched = 0xDEADBEEF;
   std::uint32_t ours = kUntouched, theirs = kUntouched;
   const bool parsed = Toolkit::parseIPv4(text, &ours);
-  FUZZ_REQUIRE(parsed == systemParses(text, &theirs));
+  FUZZ_REQUIRE(parsed == tolvar_test::systemParses(text, &theirs));
   FUZZ_REQUIRE(ours == theirs);
   FUZZ_REQUIRE(Toolkit::s2ipD(text) == (parsed ? ours : 0));
   if (parsed) FUZZ_REQUIRE(tolvar::service::formatIPv4(ours) == text);

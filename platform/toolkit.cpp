@@ -1,7 +1,7 @@
 #include "platform/toolkit.h"
 
-// TOLVAR_PORTABLE_INDEX keeps to the portable path where there is a faster one; for its tests.
-#if defined(__SSE2__) && !defined(TOLVAR_PORTABLE_INDEX)
+// TOLVAR_PORTABLE_TOOLKIT keeps to the portable path where there is a faster one; for its tests.
+#if defined(__SSE2__) && !defined(TOLVAR_PORTABLE_TOOLKIT)
 #define TOLVAR_TOOLKIT_SSE2 1
 #include <emmintrin.h>
 

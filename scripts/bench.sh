@@ -4,7 +4,7 @@
 #
 # usage: scripts/bench.sh [--large] [--output FILE] [--help]
 #
-#   --large        tables of 3 and 10 million ranges too; takes far longer, and about 16 GB of memory
+#   --large        tables of 3 and 10 million ranges too; takes far longer, and more than 10 GB of memory
 #   --output FILE  write there instead; - is standard output
 #
 # Installs missing Debian packages first (scripts/install_deps.sh) and builds in build/bench.

@@ -1,6 +1,5 @@
 #include "platform/toolkit.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -8,7 +7,11 @@
 #include <string>
 #include <string_view>
 
+#include "tests/support/system_address.h"
+
 namespace {
+
+using tolvar_test::systemParses;
 
 using namespace std::string_view_literals;
 
@@ -116,15 +119,6 @@ TEST(Toolkit, NeverReadsBeyondTheText) {
     EXPECT_EQ(Toolkit::parseIPv4({block, size}, &ip), size >= whole.size() - 2) << size;
     delete[] block;
   }
-}
-
-/// What the operating system makes of the text; a text with a zero byte is no address to it.
-bool systemParses(const std::string& text, std::uint32_t* ip) {
-  in_addr address{};
-  if (text.find('\0') != std::string::npos || inet_pton(AF_INET, text.c_str(), &address) != 1)
-    return false;
-  *ip = ntohl(address.s_addr);
-  return true;
 }
 
 TEST(Toolkit, OneWrongLetterIsAsWrongAsTheOperatingSystemFindsIt) {

@@ -32,7 +32,9 @@ class FullDisk : public testing::Test {
     write("large.csv", kLarge, "Funk");
   }
 
-  /// Without the right to mount there is no disk to fill; ImportFaults fills one by a limit then.
+  /// A process without the right to mount has no disk to fill, and only there the test is skipped:
+  /// with the right, every refusal fails it (see onSmallDisk). What an import does without space is
+  /// tested everywhere by a limit, in ImportFaults.WithoutSpaceTheOldVersionStays.
   void SetUp() override {
     const std::string refused = onSmallDisk(mountPoint.path(), kDisk, [](const SmallDisk&) {});
     if (!refused.empty()) GTEST_SKIP() << "only root may mount a disk to fill: " << refused;

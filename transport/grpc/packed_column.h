@@ -59,6 +59,7 @@ class PackedColumn {
  private:
   static constexpr std::size_t kWindow = 64;
   static constexpr std::uint64_t kTopBits = 0x8080808080808080;
+
   /// The next bytes, the first one lowest.
   template <class Word>
   static Word load(const std::uint8_t* from) noexcept {
