@@ -244,6 +244,7 @@ class TolvarAPI : public qel::ZU_Thread,
   void refreshAttachments();
   bool attachAgain(int shm_index);
   void ResizeShareMemory(int shm_index, std::size_t size);
+  void replaceSegment(int shm_index, std::size_t next, qel::ZU_Shm* old);
   void keepContent(int shm_index, qel::ZU_Shm& old);
   void ResizeIpBuffer(int shm_index, std::size_t count);
   void ResizeCodeBuffer(int shm_index, int code_index, std::size_t count);
@@ -272,10 +273,12 @@ class TolvarAPI : public qel::ZU_Thread,
   void beginPublication(int target, std::uint32_t MemoryHead::*half);
   void setHalf(int shm_index, std::uint32_t MemoryHead::*half, MemoryStatus status);
   void setPending(int shm_index);
+  void copyIntoLarger(int from, int to);
   void mirrorImage(int from, int to);
   std::string writeTable(int target, const ravel::vIPProperty& ranges);
   void takeOverUnshared(std::size_t count);
   void takeOverTable(int target, const std::string& digest);
+  void growCodeBuffers(int shm_index, const std::vector<ravel::CodeInfo>& codes);
   void makeRoomForCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void writeCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void takeOverCodes(int target, const std::vector<ravel::CodeInfo>& codes);

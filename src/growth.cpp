@@ -24,23 +24,40 @@ void require(bool holds, const char* expression, const char* function, unsigned 
 
 std::size_t bytesOf(const ProlatePointer& region) { return region.Size() + kSizeWordBytes; }
 
+/// Copies all of `from`, from byte `offset` on, into a segment that was just initialized and is not
+/// smaller. One that was made here holds zeros; another process's may hold anything.
+void fill(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from) {
+  const auto copy = to.iscreate() ? tolvar::copyToNewSegment : tolvar::copyToSegment;
+  copy(static_cast<char*>(to.getPointer()) + offset,
+       static_cast<const char*>(from.getPointer()) + offset, from.size() - offset);
+}
+
 }  // namespace
 
 void TolvarAPI::ResizeShareMemory(int shm_index, std::size_t size) {
   require(shm_index == 0 || shm_index == 1, "(shm_index == 0) || (shm_index == 1)", kResizeFunction,
           __LINE__);
   qel::ZU_Shm& shm = m_shm[shm_index];
-  const std::size_t origin = shm.size();
-  require(origin > sizeof(MemoryHead), "origin_size > sizeof(MemoryHead)", kResizeFunction,
+  require(shm.size() > sizeof(MemoryHead), "origin_size > sizeof(MemoryHead)", kResizeFunction,
           __LINE__);
-  if (origin >= size) return;
+  if (shm.size() >= size) return;
   const std::size_t next = CalculateNextSize(size);
 
   walkRegions(shm_index);
-  // Gone behind its key, but mapped here until a successor holds its content.
-  shm.remove();
   qel::ZU_Shm old;
-  old.swap(shm);
+  replaceSegment(shm_index, next, &old);
+  fill(shm, 0, old);
+  walkRegions(shm_index);
+  WriteShareMemorySize(next);
+}
+
+/// Puts a segment of `next` bytes in the place of a smaller one. That one becomes `*old`: gone
+/// behind its key, but mapped here until a successor holds its content. Where no larger one is to
+/// be had, keeps the content and throws.
+void TolvarAPI::replaceSegment(int shm_index, std::size_t next, qel::ZU_Shm* old) {
+  qel::ZU_Shm& shm = m_shm[shm_index];
+  shm.remove();
+  old->swap(shm);
   try {
     shm.init(next, m_shm_key[shm_index]);
     if (shm.size() < next) {
@@ -50,15 +67,12 @@ void TolvarAPI::ResizeShareMemory(int shm_index, std::size_t size) {
     }
   } catch (const qel::ZU_Exception& error) {
     TOLVAR_LOG(kLogError, __LINE__,
-               "cannot grow share memory to " << next << " bytes, keeping " << origin
+               "cannot grow share memory to " << next << " bytes, keeping " << old->size()
                                               << ". shm_index=" << shm_index << ", "
                                               << error.what());
-    keepContent(shm_index, old);
+    keepContent(shm_index, *old);
     throw;
   }
-  tolvar::copyToSegment(shm.getPointer(), old.getPointer(), origin);
-  walkRegions(shm_index);
-  WriteShareMemorySize(next);
 }
 
 /// Moves the content of `old` into a new segment of its size, or keeps it in this process alone.
@@ -75,7 +89,7 @@ void TolvarAPI::keepContent(int shm_index, qel::ZU_Shm& old) {
     shm.swap(old);
     return;
   }
-  tolvar::copyToSegment(shm.getPointer(), old.getPointer(), old.size());
+  fill(shm, 0, old);
   walkRegions(shm_index);
 }
 
@@ -147,6 +161,19 @@ void TolvarAPI::ResizeCodeBuffer(int shm_index, int code_index, std::size_t coun
   m_code_vector_impl[code_index][shm_index].reset(grown.Data(), grown.Size());
 }
 
+/// Makes segment `to`, which is too small, anew with the content of `from` and its own head: what
+/// it held would be overwritten, and need not be moved first. The head comes last, as a segment is
+/// known by the marks in its content; until then its statuses are those of an empty one.
+void TolvarAPI::copyIntoLarger(int from, int to) {
+  const std::size_t next = CalculateNextSize(m_shm[from].size());
+  qel::ZU_Shm old;
+  replaceSegment(to, next, &old);
+  fill(m_shm[to], sizeof(MemoryHead), m_shm[from]);
+  WriteMemoryHead(to, m_memory_head[to]);
+  walkRegions(to);
+  WriteShareMemorySize(next);
+}
+
 void TolvarAPI::CopyShareMemory(int from, int to) {
   MemoryHead ready;
   ready.ip_usable = kMemoryStatusReady;
@@ -159,22 +186,24 @@ void TolvarAPI::copyImage(int from, int to, const MemoryHead& announced) {
   m_memory_head[to].ip_usable = kMemoryStatusPending;
   m_memory_head[to].code_usable = kMemoryStatusPending;
   WriteMemoryHead(to, m_memory_head[to]);
-  if (m_shm[to].size() < m_shm[from].size()) ResizeShareMemory(to, m_shm[from].size());
 
   std::size_t total = 0;
   const std::size_t offset = sizeof(MemoryHead);
+  const bool grows = m_shm[to].size() < m_shm[from].size();
+  if (grows) copyIntoLarger(from, to);
   // A record that an operator removed is written anew from what the segments really are.
   if (!ReadShareMemorySize(&total)) WriteShareMemorySize(m_shm[from].size());
   require(ReadShareMemorySize(&total), "ReadShareMemorySize(&total_shm_size)", kCopyFunction,
           __LINE__);
   require(total > offset, "total_shm_size > offset", kCopyFunction, __LINE__);
-  // The record is a hint. What is copied is the whole source, which the target is large enough for,
-  // and neither mapping is touched beyond its end.
-  total = std::min(m_shm[from].size(), m_shm[to].size());
-  tolvar::copyToSegment(static_cast<char*>(m_shm[to].getPointer()) + offset,
-                        static_cast<const char*>(m_shm[from].getPointer()) + offset,
-                        total - offset);
-  walkRegions(to);
+  if (!grows) {
+    // The record is a hint. What is copied is the whole source, which the target is large enough
+    // for, and neither mapping is touched beyond its end.
+    tolvar::copyToSegment(static_cast<char*>(m_shm[to].getPointer()) + offset,
+                          static_cast<const char*>(m_shm[from].getPointer()) + offset,
+                          m_shm[from].size() - offset);
+    walkRegions(to);
+  }
 
   m_memory_head[to].ip_usable = announced.ip_usable;
   m_memory_head[to].code_usable = announced.code_usable;

@@ -31,7 +31,8 @@ void TolvarAPI::totalWriteData2Shm() {
 
   const int other = 1 - target;
   setPending(other);
-  ResizeIpBuffer(other, count);
+  // A smaller segment is made anew with the copy.
+  if (m_shm[other].size() >= m_shm[target].size()) ResizeIpBuffer(other, count);
   mirrorImage(target, other);
   TOLVAR_LOG(kLogInfo, __LINE__,
              "after total download complete, svr_ip_size=" << count << ", shm_ip_size="
