@@ -63,7 +63,7 @@ GeneratedTable::Row GeneratedTable::row(std::uint32_t i) const {
   const Country& country = kCountries[place % kCountries.size()];
   row.code = country.code;
   row.country = country.name;
-  place /= kCountries.size();
+  place /= static_cast<std::uint32_t>(kCountries.size());
   row.province = "P" + std::to_string(place % kProvinces);
   row.city = "C" + std::to_string(place / kProvinces % kCities);
   row.oper = "O" + std::to_string(combination % kOperators);
