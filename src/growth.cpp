@@ -166,6 +166,7 @@ void TolvarAPI::ResizeCodeBuffer(int shm_index, int code_index, std::size_t coun
 /// known by the marks in its content; until then its statuses are those of an empty one.
 void TolvarAPI::copyIntoLarger(int from, int to) {
   const std::size_t next = CalculateNextSize(m_shm[from].size());
+  walkRegions(to);  // a damaged one could not be kept if there is none larger to be had
   qel::ZU_Shm old;
   replaceSegment(to, next, &old);
   fill(m_shm[to], sizeof(MemoryHead), m_shm[from]);

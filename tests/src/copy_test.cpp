@@ -79,6 +79,16 @@ TEST_F(Copy, GrowsASmallerTarget) {
   expectReadable(1);
 }
 
+TEST_F(Copy, ADamagedTargetThatIsTooSmallIsLeftWhereItIs) {
+  access().ResizeShareMemory(0, kDefaultTotal + 1);
+  const int id = RawSegment::idBehind(keys.data1());
+  RawSegment(keys.data1()).write64(16, 1);
+  EXPECT_THROW(access().CopyShareMemory(0, 1), qel::ZU_Exception);
+  EXPECT_EQ(RawSegment::idBehind(keys.data1()), id);
+  EXPECT_EQ(RawSegment(keys.data1()).ipStatus(), 2u) << "nobody takes it for a good one";
+  EXPECT_EQ(RawSegment(keys.data0()).ranges(), rawRanges(table));
+}
+
 TEST_F(Copy, OntoALargerTargetStaysInsideBothMappings) {
   access().ResizeShareMemory(1, kDefaultTotal + 1);
   // The record now announces more than the source has.
