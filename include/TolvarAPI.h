@@ -278,7 +278,6 @@ class TolvarAPI : public qel::ZU_Thread,
   std::string writeTable(int target, const ravel::vIPProperty& ranges);
   void takeOverUnshared(std::size_t count);
   void takeOverTable(int target, const std::string& digest);
-  void growCodeBuffers(int shm_index, const std::vector<ravel::CodeInfo>& codes);
   void makeRoomForCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void writeCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void takeOverCodes(int target, const std::vector<ravel::CodeInfo>& codes);

@@ -59,8 +59,6 @@ bool TolvarAPI::checkCodeChangeRequest() {
     takeOverCodes(shared ? target : other, codes);
     if (shared) {
       setPending(other);
-      // A smaller segment is made anew with the copy.
-      if (m_shm[other].size() >= m_shm[target].size()) growCodeBuffers(other, codes);
       mirrorImage(target, other);
     }
     m_internals->codeRetry.succeeded();
@@ -79,15 +77,11 @@ bool TolvarAPI::checkCodeChangeRequest() {
   return true;
 }
 
-void TolvarAPI::growCodeBuffers(int shm_index, const std::vector<ravel::CodeInfo>& codes) {
-  const std::array<std::size_t, kCodeTables> counts = countByType(codes);
-  for (int i = 0; i < kCodeTables; ++i)
-    ResizeCodeBuffer(shm_index, i, counts[static_cast<std::size_t>(i)]);
-}
-
 /// Leaves empty vectors of a segment that have room for `codes`.
 void TolvarAPI::makeRoomForCodes(int target, const std::vector<ravel::CodeInfo>& codes) {
-  growCodeBuffers(target, codes);
+  const std::array<std::size_t, kCodeTables> counts = countByType(codes);
+  for (int i = 0; i < kCodeTables; ++i)
+    ResizeCodeBuffer(target, i, counts[static_cast<std::size_t>(i)]);
   for (int i = 0; i < kCodeTables; ++i) m_code_vector_impl[i][target].clear();
 }
 

@@ -6,8 +6,8 @@
 #include "platform/shared_write_point.h"
 #include "src/client_internals.h"
 #include "src/client_log.h"
+#include "src/segment_copy.h"
 #include "src/segment_layout.h"
-#include "src/side_task.h"
 
 using tolvar::kCodeTables;
 using tolvar::kHeadBytes;
@@ -24,12 +24,17 @@ void require(bool holds, const char* expression, const char* function, unsigned 
 
 std::size_t bytesOf(const ProlatePointer& region) { return region.Size() + kSizeWordBytes; }
 
-/// Copies all of `from`, from byte `offset` on, into a segment that was just initialized and is not
-/// smaller. One that was made here holds zeros; another process's may hold anything.
-void fill(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from) {
-  const auto copy = to.iscreate() ? tolvar::copyToNewSegment : tolvar::copyToSegment;
+/// Copies all of `from`, from byte `offset` on, to the same place of a segment that is not smaller.
+void copyContent(void (*copy)(void*, const void*, std::size_t), qel::ZU_Shm& to, std::size_t offset,
+                 const qel::ZU_Shm& from) {
   copy(static_cast<char*>(to.getPointer()) + offset,
        static_cast<const char*>(from.getPointer()) + offset, from.size() - offset);
+}
+
+/// The same for a segment that was just initialized. One that was made here holds zeros; another
+/// process's may hold anything.
+void fill(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from) {
+  copyContent(to.iscreate() ? tolvar::copyToNewSegment : tolvar::copyToSegment, to, offset, from);
 }
 
 }  // namespace
@@ -200,9 +205,7 @@ void TolvarAPI::copyImage(int from, int to, const MemoryHead& announced) {
   if (!grows) {
     // The record is a hint. What is copied is the whole source, which the target is large enough
     // for, and neither mapping is touched beyond its end.
-    tolvar::copyToSegment(static_cast<char*>(m_shm[to].getPointer()) + offset,
-                          static_cast<const char*>(m_shm[from].getPointer()) + offset,
-                          m_shm[from].size() - offset);
+    copyContent(tolvar::copyToSegment, m_shm[to], offset, m_shm[from]);
     walkRegions(to);
   }
 

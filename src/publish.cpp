@@ -31,8 +31,6 @@ void TolvarAPI::totalWriteData2Shm() {
 
   const int other = 1 - target;
   setPending(other);
-  // A smaller segment is made anew with the copy.
-  if (m_shm[other].size() >= m_shm[target].size()) ResizeIpBuffer(other, count);
   mirrorImage(target, other);
   TOLVAR_LOG(kLogInfo, __LINE__,
              "after total download complete, svr_ip_size=" << count << ", shm_ip_size="
@@ -117,6 +115,7 @@ void TolvarAPI::setPending(int shm_index) {
   setHalf(shm_index, &MemoryHead::code_usable, kMemoryStatusPending);
 }
 
+/// Makes `to` the same as `from`: room, regions and content, whatever it was before.
 void TolvarAPI::mirrorImage(int from, int to) {
   // Only halves that are complete in the source may be announced: on a cold start the other half is
   // still empty, and another process would take an empty table for a good one.

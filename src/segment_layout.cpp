@@ -7,6 +7,7 @@
 #include "include/memVector.h"
 #include "include/segment_types.h"
 #include "platform/assertion.h"
+#include "src/zero_bytes.h"
 
 namespace tolvar {
 namespace {
@@ -23,19 +24,15 @@ tagMemQueueHead headAt(const void* segment, std::size_t offset) {
   return head;
 }
 
-bool isZero(const void* segment, std::size_t offset, std::size_t bytes) {
-  const char* const start = static_cast<const char*>(segment) + offset;
-  return std::all_of(start, start + bytes, [](char c) { return c == 0; });
-}
-
 /// The state in which a process leaves a damaged segment that is killed while it lays it anew: both
 /// statuses unknown, the first vector zeroed and not marked yet. No other mark need be left.
 bool isBeingLaidAnew(const void* segment) {
   MemoryHead head;
   std::memcpy(&head, segment, sizeof head);
+  const char* const bytes = static_cast<const char*>(segment);
   return head.ip_usable == kMemoryStatusUnknown && head.code_usable == kMemoryStatusUnknown &&
-         isZero(segment, offsetof(MemoryHead, pad0), sizeof head - offsetof(MemoryHead, pad0)) &&
-         isZero(segment, kHeadBytes + kSizeWordBytes + offsetof(tagMemQueueHead, _iBlockSize), 24);
+         isZero(bytes + offsetof(MemoryHead, pad0), sizeof head - offsetof(MemoryHead, pad0)) &&
+         isZero(bytes + kHeadBytes + kSizeWordBytes + offsetof(tagMemQueueHead, _iBlockSize), 24);
 }
 
 bool hasMark(const void* segment, std::size_t bytes, std::size_t sizeWordOffset) {
@@ -143,7 +140,7 @@ bool looksLikeDataSegment(const void* segment, std::size_t bytes) {
   // Untouched so far. Ours are never made smaller, and a small one may have an owner who is about
   // to fill it.
   if (bytes >= segmentBytes(defaultRegionSizes()) &&
-      (isZero(segment, 0, 64) || isBeingLaidAnew(segment)))
+      (isZero(segment, 64) || isBeingLaidAnew(segment)))
     return true;
   for (const std::size_t offset : regionOffsets(defaultRegionSizes()))
     if (hasMark(segment, bytes, offset)) return true;

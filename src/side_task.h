@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 
 #include "platform/thread.h"
@@ -30,11 +31,15 @@ class SideTask final : private qel::ZU_Thread {
   bool _done = false;  ///< written by the second thread, read when it has been joined
 };
 
-/// Copies `size` bytes into a shared segment, large ones on two threads. The blocks do not overlap.
-void copyToSegment(void* to, const void* from, std::size_t size);
-
-/// The same for a segment of zeros. What is zero anyway is not written: the system need not provide
-/// memory for the room that a fresh image leaves, which is most of it.
-void copyToNewSegment(void* to, const void* from, std::size_t size);
+/// Does `work(begin, end)` for all of 0 to `count`; on two threads from `parallel` on, so many that
+/// a second one saves more than it costs.
+template <class Work>
+void inHalves(std::size_t count, std::size_t parallel, const Work& work) {
+  if (count < parallel) return work(std::size_t{0}, count);
+  const std::size_t half = count / 2;
+  SideTask rest([&] { work(half, count); });
+  work(std::size_t{0}, half);
+  rest.finish();
+}
 
 }  // namespace tolvar

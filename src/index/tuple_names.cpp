@@ -31,16 +31,6 @@ Ids idsOf(const ravel::IPInfo& info) noexcept {
           info.flable};
 }
 
-/// Does `work(begin, end)` for all of 0 to `count`, for many on two threads.
-template <class Work>
-void inHalves(std::size_t count, const Work& work) {
-  if (count < kParallelTuples) return work(std::size_t{0}, count);
-  const std::size_t half = count / 2;
-  SideTask rest([&] { work(half, count); });
-  work(0, half);
-  rest.finish();
-}
-
 template <class Places>
 std::uint64_t textBytes(const Places& places) {
   std::uint64_t bytes = 0;
@@ -60,14 +50,15 @@ bool fits(std::uint64_t text, std::size_t rowBytes) noexcept {
 TupleNames::TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames> codes)
     : _codes(std::move(codes)), _tuples(ranges.tupleCount()) {
   PlacesOfAll places(_tuples - 1);
-  inHalves(places.size(), [&](std::size_t begin, std::size_t end) {
+  inHalves(places.size(), kParallelTuples, [&](std::size_t begin, std::size_t end) {
     findPlaces(ranges, begin, end, places.data());
   });
   chooseSize(places);
   // At least a line more, so that the last name is followed by readable bytes too.
   _lines.resize(_tuples * _rowBytes / sizeof(Line) + 2);
   _ends.resize(_tuples);
-  inHalves(places.size(), [&](std::size_t begin, std::size_t end) { write(places, begin, end); });
+  inHalves(places.size(), kParallelTuples,
+           [&](std::size_t begin, std::size_t end) { write(places, begin, end); });
 }
 
 /// Of the tuples `begin` + 1 to `end`.
