@@ -63,7 +63,7 @@ class NoSearch {
   /// The same staged in groups.
   void lookupBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
                    std::uint8_t* found) const noexcept {
-    constexpr std::size_t kGroup = 64;
+    constexpr std::size_t kGroup = 128;
     std::uint32_t tuples[kGroup];
     for (std::size_t begin = 0; begin < ips.size(); begin += kGroup) {
       const std::size_t count = std::min(kGroup, ips.size() - begin);

@@ -32,7 +32,7 @@ class RangeLookup {
   /// Attributes of a tuple; `tuple` is below tupleCount(). Tuple 0 is all zeros. Valid as long as
   /// the index.
   const ravel::IPInfo& info(std::uint32_t tuple) const noexcept {
-    return *reinterpret_cast<const ravel::IPInfo*>(_infos + kLineBytes * tuple);
+    return *infoAt(kLineBytes * tuple);
   }
 
   /// Attributes of the range that contains `ip` (host order), nullptr when none does. Valid as long
@@ -45,14 +45,12 @@ class RangeLookup {
   /// Copies the attributes of the range that contains `ip` (host order) to `info` and answers true;
   /// on a miss answers false and leaves `info` as it is.
   bool lookup(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
-    // The number times the size of a line, without shifting it down first.
-    constexpr std::uint32_t kAtLine = ~std::uint32_t{kLineBytes - 1};
-    const std::uint32_t at = searchLeaf(leafWord(ip), ip & 0xFFFFu) >> 2 & kAtLine;
-    const auto* source = reinterpret_cast<const ravel::IPInfo*>(_infos + at);
-    if (at == 0) [[unlikely]]
+    const std::uint32_t offset = infoOffset(searchLeaf(leafWord(ip), ip & 0xFFFFu));
+    const ravel::IPInfo* source = infoAt(offset);
+    if (offset == 0) [[unlikely]]
       source = info;
     *info = *source;
-    return at != 0;
+    return offset != 0;
   }
 
   /// Looks `ips.size()` addresses (host order) up, with the memory accesses of many of them under
@@ -60,9 +58,6 @@ class RangeLookup {
   /// and infos[i] the attributes, or on a miss 0 and all zeros. Answers how many were found.
   std::size_t findBatch(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
                         std::uint8_t* found) const noexcept;
-
-  /// The same, with the tuple numbers only.
-  void findTuples(std::span<const std::uint32_t> ips, std::uint32_t* tuples) const noexcept;
 
  protected:
   RangeLookup() = default;
@@ -100,6 +95,21 @@ class RangeLookup {
   const unsigned char* _infos = nullptr;  ///< the IPInfo of tuple 0; the others follow line by line
 
  private:
+  /// findBatch for no more addresses than are under way together.
+  std::size_t findGroup(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
+                        std::uint8_t* found) const noexcept;
+
+  /// Where the attributes of what searchLeaf found lie, in bytes: the number times the size of a
+  /// line, without shifting it down first. 0 when no range was found.
+  static std::uint32_t infoOffset(std::uint32_t leafEntry) noexcept {
+    static_assert(kNumberShift == 8 && kLineBytes == 1u << 6);
+    return leafEntry >> 2 & ~std::uint32_t{kLineBytes - 1};
+  }
+
+  const ravel::IPInfo* infoAt(std::size_t offset) const noexcept {
+    return reinterpret_cast<const ravel::IPInfo*>(_infos + offset);
+  }
+
   /// Of 64 bits, as all that addresses memory here: a sum of 32 would have to be cut off first.
   std::size_t secondWordNumber(std::uint32_t ip) const noexcept {
     const std::uint32_t word = _words[2 * std::size_t{ip >> 16}];

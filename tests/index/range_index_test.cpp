@@ -153,7 +153,7 @@ TEST(RangeIndex, ADenseCornerOfABlockStaysSmall) {
 TEST(RangeIndex, BatchesOfAnySizeAnswerLikeSingles) {
   const vIPProperty table{range(10, 20, 1), range(30, 40, 2)};
   const RangeIndex index = RangeIndex::build(table);
-  for (const std::size_t size : {0u, 1u, 63u, 64u, 65u, 127u, 200u}) {
+  for (const std::size_t size : {0u, 1u, 2u, 3u, 5u, 127u, 128u, 129u, 255u, 300u}) {
     std::vector<std::uint32_t> ips(size);
     for (std::size_t i = 0; i < size; ++i) ips[i] = static_cast<std::uint32_t>(i % 50);
     std::vector<ravel::IPInfo> infos(size + 1);
