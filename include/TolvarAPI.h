@@ -62,8 +62,9 @@ struct TolvarStatus {
 /// One version of all tables, held for as long as the object lives: many lookups then agree with
 /// each other, and names come without copies. Lives on the stack of one thread, for a short time: a
 /// table that is replaced stays in memory, and its replacement is not complete, until every reader
-/// of it is gone. The thread destroys its readers before it destroys the client. Counts no hits and
-/// samples nothing. No operation allocates, locks, waits or throws.
+/// of it is gone. The thread destroys its readers before it destroys a client or calls `initialize`
+/// of one, which would wait for them for ever: the process aborts with a message. Counts no hits
+/// and samples nothing. No operation allocates, locks, waits or throws.
 class TolvarReader {
  public:
   TolvarReader(TolvarReader&&) noexcept = default;
@@ -120,13 +121,14 @@ class TolvarAPI : public qel::ZU_Thread,
 
   /// Sets up log, proxies, configuration, reporter, shared memory and update thread, and waits up
   /// to 30 seconds until the tables are usable. True when they are. False at once for swapped
-  /// object names or a failed step, false after the wait when no table could be had; the log says
-  /// why. A second call stops what runs and repeats every step.
+  /// object names or a failed step, false after the wait when no table could be had; the log and
+  /// `status` say why. A second call stops what runs and repeats every step.
   bool initialize(const TolvarAPIOptions& options);
   bool initialize(qel::Communicator* comm, std::string ip_servant, std::string fast_ip_servant,
                   key_t shm_key_1, key_t shm_key_2, std::string log_path, key_t shm_key_3);
 
-  /// Starts the update thread; `initialize` does it.
+  /// Starts the update thread; `initialize` does it. Nothing but an error in `status` and log comes
+  /// of it where the thread runs already, or where `initialize` has not said whom to ask.
   void start();
 
   /// Asks the update thread to end after its current pass. Neither wakes nor joins it.
@@ -200,6 +202,7 @@ class TolvarAPI : public qel::ZU_Thread,
                      const std::string& fast_ip_servant, const key_t (&keys)[3],
                      const std::string& log_path);
   bool refuseInFork();
+  void startUpdateThread();
   void abandonParents() noexcept;
   void openLog(const std::string& log_path);
   bool connectProxies(qel::Communicator* comm, const std::string& ip_servant,
@@ -264,6 +267,8 @@ class TolvarAPI : public qel::ZU_Thread,
   void installClientConf();
   /// True when the table is complete.
   bool gatherPage(ravel::downloadInfo& page, std::uint64_t maxIndex);
+  void takeRanges(ravel::vIPProperty& ranges, std::uint64_t left);
+  void advanceTo(std::uint64_t reached, std::uint64_t maxIndex, bool afresh);
   void makeRoom(std::size_t ranges, std::uint64_t left);
   void finishDownload();
   void retryLater(tolvar::RetryBackoff& retry, tolvar::Step step, const char* what);

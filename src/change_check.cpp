@@ -25,6 +25,7 @@ bool TolvarAPI::checkChange() {
 
     ravel::CheckInfo info;
     if (!m_isCheckingCode && !m_isTotalDownLoading && !m_isIncrementDownloading) {
+      if (!_pTolvarPrx) throw qel::ZU_Exception("no service to ask before initialize");
       m_proxy_hash_key = clock.time();
       const ravel::TolvarPrx proxy = _pTolvarPrx->selectServer(m_proxy_hash_key);
       ravel::CheckReq req;
@@ -96,6 +97,7 @@ void TolvarAPI::armFullDownload() {
   m_currDownloadPos = 0;
   m_internals->downloadArmedSteady = m_internals->clock.steadyMillis();
   m_internals->pagePosition = UINT64_MAX;
+  m_internals->furthest = 0;
   m_internals->tableTakenOver = false;
 }
 

@@ -106,6 +106,8 @@ struct ClientInternals {
   /// Position of the page gathered last, and how many ranges stood before it.
   std::uint64_t pagePosition = UINT64_MAX;
   std::size_t pageBegin = 0;
+  /// The furthest position that the running download has reached, also before it began anew.
+  std::uint64_t furthest = 0;
   /// The table gathered by the running download has been taken over.
   bool tableTakenOver = false;
   /// Both data segments hold the same image; false from the start of a publication to the end of

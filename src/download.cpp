@@ -80,6 +80,7 @@ void TolvarAPI::makeRoom(std::size_t ranges, std::uint64_t left) {
   }
 }
 
+/// True when the table is complete.
 bool TolvarAPI::gatherPage(ravel::downloadInfo& page, std::uint64_t maxIndex) {
   const std::uint64_t sent = m_currDownloadPos;
   const bool afresh = page.isdownloadReset == 1;
@@ -92,28 +93,41 @@ bool TolvarAPI::gatherPage(ravel::downloadInfo& page, std::uint64_t maxIndex) {
     m_internals->pageBegin = m_vIPProperty.size();
   }
   m_vIPProperty.resize(m_internals->pageBegin);
-  if (m_vIPProperty.size() + page.IPContent.size() > kMaxTableRanges) {
+  const std::uint64_t reached =
+      cursorOf(page.IPContent.back().timesTamp, page.IPContent.back().sequence);
+  takeRanges(page.IPContent, maxIndex - std::min(reached, maxIndex));
+  advanceTo(reached, maxIndex, afresh);
+  return reached >= maxIndex;
+}
+
+/// Moves `ranges` behind those gathered; the service has `left` more to send.
+void TolvarAPI::takeRanges(ravel::vIPProperty& ranges, std::uint64_t left) {
+  if (m_vIPProperty.size() + ranges.size() > kMaxTableRanges) {
     m_isTotalDownLoading = false;
     ravel::vIPProperty().swap(m_vIPProperty);
     throw qel::ZU_Exception("the service's table has more than " + std::to_string(kMaxTableRanges) +
                             " ranges; the download is given up until the next change check");
   }
-  const std::uint64_t reached =
-      cursorOf(page.IPContent.back().timesTamp, page.IPContent.back().sequence);
-  makeRoom(page.IPContent.size(), maxIndex - std::min(reached, maxIndex));
-  for (const ravel::IPProperty& range : page.IPContent)
-    m_vIPProperty.push_back(withoutCursor(range));
-  ravel::vIPProperty().swap(page.IPContent);  // the table may be published before the page goes
+  makeRoom(ranges.size(), left);
+  for (const ravel::IPProperty& range : ranges) m_vIPProperty.push_back(withoutCursor(range));
+  ravel::vIPProperty().swap(ranges);  // the table may be published before the page goes
+}
 
+/// Goes on behind a page that ends at `reached`, and waits a while when that leads nowhere.
+void TolvarAPI::advanceTo(std::uint64_t reached, std::uint64_t maxIndex, bool afresh) {
+  const std::uint64_t sent = m_currDownloadPos;
   const bool advances = reached > sent || (afresh && reached != 0 && reached != sent);
-  if (advances) {
+  if (advances) m_currDownloadPos = reached;
+  // A service that began its table anew may well be behind what was reached before. One that does
+  // it for ever never gets beyond that.
+  if (reached > std::max(m_internals->furthest, sent)) {
+    m_internals->furthest = reached;
     m_internals->downloadRetry.succeeded();
-    m_currDownloadPos = reached;
-  } else if (reached < maxIndex) {
-    retryLater(m_internals->downloadRetry, tolvar::Step::Download,
-               "a page did not advance the position");
+  } else if (reached < maxIndex && reached <= sent) {
+    retryLater(
+        m_internals->downloadRetry, tolvar::Step::Download,
+        advances ? "the service began its table anew" : "a page did not advance the position");
   }
-  return reached >= maxIndex;
 }
 
 void TolvarAPI::finishDownload() {

@@ -29,6 +29,13 @@ std::string takeLine(qel::ZU_ThreadStream& stream, int line) {
   return text;
 }
 
+/// Why a start that waited in vain did, by the bits of what is ready.
+const char* missingTables(int mask) {
+  if (mask == 0) return "the service offered neither ranges nor names in time";
+  return mask == 1 ? "the service offered no names in time"
+                   : "the service offered no ranges in time";
+}
+
 }  // namespace
 
 TolvarAPI::TolvarAPI() : TolvarAPI(qel::systemClock()) {}
@@ -104,6 +111,15 @@ void TolvarAPI::stopUpdateThread() {
 }
 
 void TolvarAPI::start() {
+  try {
+    startUpdateThread();
+  } catch (const std::exception& error) {
+    noteError(tolvar::Step::Initialize, error.what());
+    TOLVAR_LIFECYCLE_LOG(kLogError, "start exception:" << error.what());
+  }
+}
+
+void TolvarAPI::startUpdateThread() {
   m_internals->process = getpid();
   {
     Lock hold(*this);
@@ -178,7 +194,7 @@ bool TolvarAPI::initializeAll(qel::Communicator* comm, const std::string& ip_ser
     startReporter();
     InitializeShareMemory(keys[0], keys[1], keys[2]);
     if (m_internals->destroying) return false;
-    start();
+    startUpdateThread();
     noteSuccess(tolvar::Step::Initialize);
     return awaitReadiness();
   } catch (const std::exception& error) {
@@ -202,6 +218,10 @@ void TolvarAPI::resetUpdateState() {
   m_internals->lastCheckSteady = -1;
   m_internals->downloadRetry.succeeded();
   m_internals->codeRetry.succeeded();
+  {
+    std::lock_guard<std::mutex> hold(m_internals->statusMutex);
+    m_internals->status.fromImage = false;
+  }
   // A digest stands for the segments that an earlier call attached to; the ones to come may differ.
   Lock hold(*this);
   m_cltMd5 = "0";
@@ -226,6 +246,7 @@ bool TolvarAPI::connectProxies(qel::Communicator* comm, const std::string& ip_se
       fast_ip_servant.find(".TolvarObj@tcp") != std::string::npos) {
     TOLVAR_LIFECYCLE_LOG(kLogDebug, "Please check the servantObj: TolvarObj is:"
                                         << ip_servant << ",FTolvarObj is:" << fast_ip_servant);
+    noteError(tolvar::Step::Initialize, "ip_servant and fast_ip_servant are swapped");
     return false;
   }
   if (comm == nullptr) throw qel::ZU_Exception("no communicator was given in the options");
@@ -279,6 +300,8 @@ bool TolvarAPI::awaitReadiness() {
                                      << "s.");
   if (mask == kAllReady) return true;
   stopUpdateThread();
+  // What failed meanwhile says more.
+  if (!status().failing) noteError(tolvar::Step::Initialize, missingTables(mask));
   return false;
 }
 

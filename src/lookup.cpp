@@ -1,9 +1,25 @@
+#include <new>
+
 #include "include/lookup_types.h"
 #include "platform/toolkit.h"
 #include "src/client_internals.h"
 #include "src/copy_names.h"
 
-bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) {
+namespace {
+
+/// Does `report`, which is about a lookup that was drawn as a sample. One for which there is no
+/// memory was not drawn; the answer stands.
+template <class Report>
+void sample(Report report) {
+  try {
+    report();
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+}  // namespace
+
+bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) try {
   enum class Answer : std::uint8_t { Missed, Found, FoundAndReported };
   const auto answer = m_internals->tables.with([=, this](const tolvar::LookupSnapshot* tables) {
     const std::uint32_t tuple = tables->finder.findTuple(ip);
@@ -18,19 +34,22 @@ bool TolvarAPI::getIPInfo(std::uint32_t ip, IPHumanMessage* msg) {
     m_report.report(ravel::EOperator, msg->m_oper);
   }
   return answer != Answer::Missed;
+} catch (const std::bad_alloc&) {
+  *msg = IPHumanMessage();  // rather than a part of the names
+  return false;
 }
 
 bool TolvarAPI::getIPInfoFromStr(const std::string& ip, ravel::IPInfo* info) {
   const bool found = getIPInfo(Toolkit::s2ipD(ip), info);
   if (!found && simple() && m_client_conf.getQueryData()->conf.logUnknownIp)
-    reportLog("unknown ip:" + ip);
+    sample([&] { reportLog("unknown ip:" + ip); });
   return found;
 }
 
 bool TolvarAPI::getIPInfoFromStr(const std::string& ip, IPHumanMessage* msg) {
   const bool found = getIPInfo(Toolkit::s2ipD(ip), msg);
   if (found && simple() && m_client_conf.getQueryData()->citys.count(msg->m_city) != 0)
-    reportLog(msg->ToString());
+    sample([&] { reportLog(msg->ToString()); });
   return found;
 }
 

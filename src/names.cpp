@@ -1,3 +1,6 @@
+#include <new>
+#include <string_view>
+
 #include "src/client_internals.h"
 
 namespace {
@@ -5,11 +8,20 @@ namespace {
 /// Index of each code table.
 enum CodeTable { kCountry, kProvince, kCity, kDistrict, kExtend, kOper, kNettype, kApn };
 
+/// A name for which there is no memory is an empty one.
+void assign(std::string_view name, std::string* out) noexcept {
+  try {
+    out->assign(name);
+  } catch (const std::bad_alloc&) {
+    out->clear();
+  }
+}
+
 }  // namespace
 
 void TolvarAPI::GetCodeInfoById(int type, std::uint64_t id, std::string* out) {
   const auto tables = m_internals->tables.read();
-  out->assign(tables->codes->find(type, id));
+  assign(tables->codes->find(type, id), out);
 }
 
 std::string TolvarAPI::GetCodeInfoById(int type, std::uint64_t id) {
@@ -51,7 +63,9 @@ std::string TolvarAPI::getExtendByID(std::uint32_t id) { return GetCodeInfoById(
 std::string TolvarAPI::getNettypeByID(std::uint32_t id) { return GetCodeInfoById(kNettype, id); }
 std::string TolvarAPI::getApnByID(std::uint32_t id) { return GetCodeInfoById(kApn, id); }
 std::string TolvarAPI::getFlableByID(std::uint32_t id) {
-  return std::string(tolvar::labelName(id));
+  std::string name;
+  getFlableByID(id, &name);
+  return name;
 }
 
 void TolvarAPI::getCountryByID(std::uint32_t id, std::string* out) {
@@ -72,4 +86,6 @@ void TolvarAPI::getNettypeByID(std::uint32_t id, std::string* out) {
   GetCodeInfoById(kNettype, id, out);
 }
 void TolvarAPI::getApnByID(std::uint32_t id, std::string* out) { GetCodeInfoById(kApn, id, out); }
-void TolvarAPI::getFlableByID(std::uint32_t id, std::string* out) { *out = getFlableByID(id); }
+void TolvarAPI::getFlableByID(std::uint32_t id, std::string* out) {
+  assign(tolvar::labelName(id), out);
+}

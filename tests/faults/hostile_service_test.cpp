@@ -200,6 +200,13 @@ const Way kWays[] = {
        pageOf({rowAt(*back == 0 ? 0 : --*back)}, kEndless)(page);
      },
      nullptr, nullptr},
+    {"TableBeginsAnew",
+     [forward = std::make_shared<bool>(false)](ravel::downloadInfo& page) {
+       *forward = !*forward;
+       page.isdownloadReset = *forward ? 0 : 1;
+       pageOf({rowAt(*forward ? 10 : 5)}, kEndless)(page);
+     },
+     nullptr, nullptr},
     {"StandardException", [](ravel::downloadInfo&) { throwStandard(); }, throwStandard, "hostile"},
     {"OwnException", [](ravel::downloadInfo&) { throwOwn(); }, throwOwn, "hostile"},
     {"NoMemory", [](ravel::downloadInfo&) { throwNoMemory(); }, throwNoMemory, "bad_alloc"},

@@ -95,6 +95,8 @@ TEST(Initialize, SwappedMainNameReturnsFalseAtOnceWithTheServantLine) {
   EXPECT_FALSE(anySegment(scene.keys));
   EXPECT_TRUE(scene.service->calls().empty());
   EXPECT_FALSE(std::filesystem::exists("downloadPos.dat"));
+  EXPECT_TRUE(client.status().failing);
+  EXPECT_EQ(client.status().lastError, "initialize: ip_servant and fast_ip_servant are swapped");
 }
 
 TEST(Initialize, SwappedFastNameReturnsFalseAtOnceWithTheServantLine) {

@@ -73,6 +73,18 @@ TEST(Readiness, UnreachableServiceOnAClockThatRunsByItself) {
             0u);
 }
 
+TEST(Readiness, AServiceThatOffersNothingIsWhatFailed) {
+  Scene scene;
+  plantSmallSegments(scene.keys, 8, 8);
+  scene.service->checkChange = [](const ravel::CheckReq&, ravel::CheckInfo&) {};
+  ManualClock clock(true);
+  ClockedClient client(clock);
+  EXPECT_FALSE(client.initialize(scene.options()));
+  EXPECT_TRUE(client.status().failing);
+  EXPECT_EQ(client.status().lastError,
+            "initialize: the service offered neither ranges nor names in time");
+}
+
 TEST(Readiness, CodesThatNeverComeLeaveMask1) {
   Scene scene;
   plantSmallSegments(scene.keys, 8, 8);

@@ -97,6 +97,22 @@ TEST(Restart, WithAnOldImageAnswersFromItUntilTheNewTableIsThere) {
   EXPECT_EQ(host.callsStarting("totalDownloadIPInfo").size(), 1u);
 }
 
+TEST(Restart, AfterAnImageOnKeysWithoutOneTheTablesAreNotFromAnImage) {
+  HostWithImage host;
+  TolvarAPI client;
+  ASSERT_TRUE(client.initialize(host.options()));
+  EXPECT_TRUE(client.status().fromImage);
+  const ShmKeys others;
+  plantSmallSegments(others, 64, 8);
+  TolvarAPIOptions options = host.options();
+  options.shm_key_1 = others.data0();
+  options.shm_key_2 = others.data1();
+  options.shm_key_3 = others.size();
+  ASSERT_TRUE(client.initialize(options));
+  EXPECT_FALSE(client.status().fromImage);
+  expectAnswersOf(1, client);
+}
+
 TEST(Restart, TwoClientsOfOneProcessShareTheImage) {
   HostWithImage host;
   TolvarAPI one, two;

@@ -141,6 +141,33 @@ TEST(UpdateLoop, LinesCarryFileNameAndNumberBeforeTheLogIsUp) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "TolvarAPI:732]run exception:x\n");
 }
 
+TEST(UpdateLoop, BeforeInitializeThereIsNobodyToAsk) {
+  Output output;
+  ManualClock clock;
+  ClockedClient client(clock);
+  client.start();
+  clock.awaitWaiters(1);
+  const TolvarStatus status = client.status();
+  EXPECT_TRUE(status.failing);
+  EXPECT_EQ(status.lastError, "change check: no service to ask before initialize");
+}
+
+TEST(UpdateLoop, ASecondStartOfARunningThreadIsAnErrorAndNoMore) {
+  Output output;
+  ManualClock clock;
+  {
+    ScriptedClient client(clock, std::deque<Pass>(10));
+    client.start();
+    clock.awaitWaiters(1);
+    client.start();
+    EXPECT_TRUE(client.isAlive());
+    EXPECT_TRUE(client.status().failing);
+    EXPECT_EQ(client.steps, "cdk ");
+  }
+  output.take();
+  EXPECT_EQ(textsStarting(output.out, "start exception:").size(), 1u);
+}
+
 TEST(UpdateLoop, StopRequestedDuringTheSleepEndsTheThreadWhenTheSecondIsOver) {
   Output output;
   ManualClock clock;
