@@ -105,6 +105,7 @@ void measureAll(const NetBenchOptions& options, Figures* figures) {
   const Server server(options.ranges);
   add("", server.run("cold"), figures);
   add("start.", bestOf(3, "total_ms", false, [&] { return server.run("start"); }), figures);
+  (*figures)["start.cpu_ms_per_page"] = figures->at("start.cpu_ms") / figures->at("table.pages");
   const std::string hosts = std::to_string(options.hosts);
   const std::string pages = std::to_string(options.pages);
   const auto runHosts = [&](HostWork work) {

@@ -1,6 +1,7 @@
 #include <grpcpp/create_channel.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/impl/codegen/proto_utils.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -11,6 +12,7 @@
 
 #include "bench/net_cases.h"
 #include "bench/net_client.h"
+#include "bench/net_process.h"
 #include "bench/support/host.h"
 #include "tolvar.pb.h"
 #include "tools/tolvar/private_run.h"
@@ -264,10 +266,12 @@ Figures measureStart(const NetTarget& target) {
   tolvar::GrpcCommunicator communicator(hostOptions(target.service));
   Phases phases;
   TimedCommunicator timedCommunicator(communicator, &phases);
+  const double before = processorTime(getpid()).total;
   const Clock::time_point begin = Clock::now();
   const Client client(timedCommunicator, run.keys());
   const double total = millisSince(begin);
   return {{"total_ms", total},
+          {"cpu_ms", 1e3 * (processorTime(getpid()).total - before)},
           {"conf_ms", phases.conf},
           {"checks_ms", phases.checks},
           {"pages_ms", phases.pages},

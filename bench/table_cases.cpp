@@ -187,18 +187,18 @@ benchmark::internal::Benchmark* add(const char* name, Body body) {
 
 void registerTables(Scene& scene) {
   const auto versions = std::make_shared<Versions>(scene);
-  add("build/index", [&](benchmark::State& s) { build(s, scene); })->Iterations(5);
+  add("build/index", [&](benchmark::State& s) { build(s, scene); })->Iterations(1);
   add("attach/tolvar", [&](benchmark::State& s) { attach(s, scene); })
-      ->Iterations(5)
+      ->Iterations(1)
       ->UseManualTime();
   add("attach/parts", [&](benchmark::State& s) { attachParts(s, scene); })
-      ->Iterations(5)
+      ->Iterations(1)
       ->UseManualTime();
   add("publish/tolvar", [&scene, versions](benchmark::State& s) { publish(s, scene, versions); })
-      ->Iterations(5)
+      ->Iterations(1)
       ->UseManualTime();
   add("publish/parts", [&](benchmark::State& s) { publishParts(s, scene); })
-      ->Iterations(5)
+      ->Iterations(1)
       ->UseManualTime();
 }
 

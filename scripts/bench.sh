@@ -72,7 +72,8 @@ for table in $tables; do
   measure "$table" lookups --benchmark_min_time=0.05 "--benchmark_repetitions=$repetitions" \
     --benchmark_enable_random_interleaving=true
   measure "$table" replacement --benchmark_filter=-guard --benchmark_repetitions=3
-  measure "$table" tables --benchmark_filter=-guard
+  measure "$table" tables --benchmark_filter=-guard --benchmark_repetitions=5 \
+    --benchmark_enable_random_interleaving=true
   measure "$table" memory --benchmark_filter=-guard
 done
 
