@@ -263,6 +263,9 @@ class TolvarAPI : public qel::ZU_Thread,
   virtual bool checkCodeChangeRequest();
   void totalWriteData2Shm();
   void CalculateMd5FromShareMemory();
+  bool checkIsDue();
+  void askForChange(ravel::CheckInfo* info);
+  bool followCheck(const ravel::CheckInfo& info);
   void armFullDownload();
   void installClientConf();
   /// True when the table is complete.
