@@ -222,7 +222,7 @@ class TolvarAPI : public qel::ZU_Thread,
   std::string GetCodeInfoById(int type, std::uint64_t id);
   void GetCodeInfoById(int type, std::uint64_t id, std::string* out);
 
-  // --- Shared memory (segments.cpp, image_lock.cpp, unshared.cpp, growth.cpp) ---
+  // --- Shared memory (segments.cpp, image_lock.cpp, unshared.cpp, growth.cpp, mirror.cpp) ---
   void InitializeShareMemory(key_t key1, key_t key2, key_t key3);
   bool ReadShareMemorySize(std::size_t* size);
   void WriteShareMemorySize(std::size_t size);
@@ -253,6 +253,11 @@ class TolvarAPI : public qel::ZU_Thread,
   void ResizeCodeBuffer(int shm_index, int code_index, std::size_t count);
   void CopyShareMemory(int from, int to);
   void copyImage(int from, int to, const MemoryHead& announced);
+  void copyIntoLarger(int from, int to);
+  void mirrorImage(int from, int to);
+  void beginPublication(int target, std::uint32_t MemoryHead::*half);
+  void setHalf(int shm_index, std::uint32_t MemoryHead::*half, MemoryStatus status);
+  void setPending(int shm_index);
   void walkRegions(int shm_index);
   void moveRegions(int shm_index, int first, std::size_t distance);
 
@@ -278,11 +283,6 @@ class TolvarAPI : public qel::ZU_Thread,
   void noteError(tolvar::Step step, const char* what) noexcept;
   void noteSuccess(tolvar::Step step) noexcept;
   void takeDigest(const std::string& digest, std::size_t ranges);
-  void beginPublication(int target, std::uint32_t MemoryHead::*half);
-  void setHalf(int shm_index, std::uint32_t MemoryHead::*half, MemoryStatus status);
-  void setPending(int shm_index);
-  void copyIntoLarger(int from, int to);
-  void mirrorImage(int from, int to);
   std::string writeTable(int target, const ravel::vIPProperty& ranges);
   void takeOverUnshared(std::size_t count);
   void takeOverTable(int target, const std::string& digest);

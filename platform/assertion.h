@@ -8,4 +8,10 @@ namespace qel {
 [[noreturn]] void assertionFailed(const char* expression, const char* file, unsigned line,
                                   const char* function) noexcept;
 
+/// Does so unless `holds`.
+inline void require(bool holds, const char* expression, const char* file, unsigned line,
+                    const char* function) {
+  if (!holds) assertionFailed(expression, file, line, function);
+}
+
 }  // namespace qel

@@ -16,42 +16,24 @@ using tolvar::kSizeWordBytes;
 namespace {
 
 constexpr const char* kResizeFunction = "void TolvarAPI::ResizeShareMemory(int, size_t)";
-constexpr const char* kCopyFunction = "void TolvarAPI::CopyShareMemory(int, int)";
-
-void require(bool holds, const char* expression, const char* function, unsigned line) {
-  if (!holds) qel::assertionFailed(expression, "TolvarAPI", line, function);
-}
 
 std::size_t bytesOf(const ProlatePointer& region) { return region.Size() + kSizeWordBytes; }
-
-/// Copies all of `from`, from byte `offset` on, to the same place of a segment that is not smaller.
-void copyContent(void (*copy)(void*, const void*, std::size_t), qel::ZU_Shm& to, std::size_t offset,
-                 const qel::ZU_Shm& from) {
-  copy(static_cast<char*>(to.getPointer()) + offset,
-       static_cast<const char*>(from.getPointer()) + offset, from.size() - offset);
-}
-
-/// The same for a segment that was just initialized. One that was made here holds zeros; another
-/// process's may hold anything.
-void fill(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from) {
-  copyContent(to.iscreate() ? tolvar::copyToNewSegment : tolvar::copyToSegment, to, offset, from);
-}
 
 }  // namespace
 
 void TolvarAPI::ResizeShareMemory(int shm_index, std::size_t size) {
-  require(shm_index == 0 || shm_index == 1, "(shm_index == 0) || (shm_index == 1)", kResizeFunction,
-          __LINE__);
+  qel::require(shm_index == 0 || shm_index == 1, "(shm_index == 0) || (shm_index == 1)",
+               "TolvarAPI", __LINE__, kResizeFunction);
   qel::ZU_Shm& shm = m_shm[shm_index];
-  require(shm.size() > sizeof(MemoryHead), "origin_size > sizeof(MemoryHead)", kResizeFunction,
-          __LINE__);
+  qel::require(shm.size() > sizeof(MemoryHead), "origin_size > sizeof(MemoryHead)", "TolvarAPI",
+               __LINE__, kResizeFunction);
   if (shm.size() >= size) return;
   const std::size_t next = CalculateNextSize(size);
 
   walkRegions(shm_index);
   qel::ZU_Shm old;
   replaceSegment(shm_index, next, &old);
-  fill(shm, 0, old);
+  tolvar::fillContent(shm, 0, old);
   walkRegions(shm_index);
   WriteShareMemorySize(next);
 }
@@ -94,7 +76,7 @@ void TolvarAPI::keepContent(int shm_index, qel::ZU_Shm& old) {
     shm.swap(old);
     return;
   }
-  fill(shm, 0, old);
+  tolvar::fillContent(shm, 0, old);
   walkRegions(shm_index);
 }
 
@@ -164,53 +146,4 @@ void TolvarAPI::ResizeCodeBuffer(int shm_index, int code_index, std::size_t coun
   moveRegions(shm_index, code_index + 1, next - old);
   grown.ReSet(grown.Data(), next);
   m_code_vector_impl[code_index][shm_index].reset(grown.Data(), grown.Size());
-}
-
-/// Makes segment `to`, which is too small, anew with the content of `from` and its own head: what
-/// it held would be overwritten, and need not be moved first. The head comes last, as a segment is
-/// known by the marks in its content; until then its statuses are those of an empty one.
-void TolvarAPI::copyIntoLarger(int from, int to) {
-  const std::size_t next = CalculateNextSize(m_shm[from].size());
-  walkRegions(to);  // a damaged one could not be kept if there is none larger to be had
-  qel::ZU_Shm old;
-  replaceSegment(to, next, &old);
-  fill(m_shm[to], sizeof(MemoryHead), m_shm[from]);
-  WriteMemoryHead(to, m_memory_head[to]);
-  walkRegions(to);
-  WriteShareMemorySize(next);
-}
-
-void TolvarAPI::CopyShareMemory(int from, int to) {
-  MemoryHead ready;
-  ready.ip_usable = kMemoryStatusReady;
-  ready.code_usable = kMemoryStatusReady;
-  copyImage(from, to, ready);
-}
-
-void TolvarAPI::copyImage(int from, int to, const MemoryHead& announced) {
-  ReadMemoryHead(to, &m_memory_head[to]);
-  m_memory_head[to].ip_usable = kMemoryStatusPending;
-  m_memory_head[to].code_usable = kMemoryStatusPending;
-  WriteMemoryHead(to, m_memory_head[to]);
-
-  std::size_t total = 0;
-  const std::size_t offset = sizeof(MemoryHead);
-  const bool grows = m_shm[to].size() < m_shm[from].size();
-  if (grows) copyIntoLarger(from, to);
-  // A record that an operator removed is written anew from what the segments really are.
-  if (!ReadShareMemorySize(&total)) WriteShareMemorySize(m_shm[from].size());
-  require(ReadShareMemorySize(&total), "ReadShareMemorySize(&total_shm_size)", kCopyFunction,
-          __LINE__);
-  require(total > offset, "total_shm_size > offset", kCopyFunction, __LINE__);
-  if (!grows) {
-    // The record is a hint. What is copied is the whole source, which the target is large enough
-    // for, and neither mapping is touched beyond its end.
-    copyContent(tolvar::copyToSegment, m_shm[to], offset, m_shm[from]);
-    walkRegions(to);
-  }
-
-  m_memory_head[to].ip_usable = announced.ip_usable;
-  m_memory_head[to].code_usable = announced.code_usable;
-  WriteMemoryHead(to, m_memory_head[to]);
-  ReadMemoryHead(to, &m_memory_head[to]);
 }

@@ -34,6 +34,10 @@ void copyNonZero(void* to, const void* from, std::size_t begin, std::size_t end)
   copyRun(to, from, begin, end);
 }
 
+char* byteOf(const qel::ZU_Shm& segment, std::size_t offset) {
+  return static_cast<char*>(segment.getPointer()) + offset;
+}
+
 }  // namespace
 
 void copyToSegment(void* to, const void* from, std::size_t size) {
@@ -44,6 +48,15 @@ void copyToSegment(void* to, const void* from, std::size_t size) {
 void copyToNewSegment(void* to, const void* from, std::size_t size) {
   inHalves(size, kParallelBytes,
            [=](std::size_t begin, std::size_t end) { copyNonZero(to, from, begin, end); });
+}
+
+void copyContent(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from) {
+  copyToSegment(byteOf(to, offset), byteOf(from, offset), from.size() - offset);
+}
+
+void fillContent(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from) {
+  const auto copy = to.iscreate() ? copyToNewSegment : copyToSegment;
+  copy(byteOf(to, offset), byteOf(from, offset), from.size() - offset);
 }
 
 }  // namespace tolvar

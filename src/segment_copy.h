@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "platform/shm.h"
+
 namespace tolvar {
 
 /// Copies `size` bytes into a shared segment, large ones on two threads. The blocks do not overlap.
@@ -10,5 +12,12 @@ void copyToSegment(void* to, const void* from, std::size_t size);
 /// The same for a segment of zeros. What is zero anyway is not written: the system need not provide
 /// memory for the room that a fresh image leaves, which is most of it.
 void copyToNewSegment(void* to, const void* from, std::size_t size);
+
+/// Copies all of `from`, from byte `offset` on, to the same place of `to`, which is not smaller.
+void copyContent(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from);
+
+/// The same for a `to` that was just initialized. One that was made here holds zeros; another
+/// process's may hold anything.
+void fillContent(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from);
 
 }  // namespace tolvar
