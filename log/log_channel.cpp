@@ -78,6 +78,7 @@ void LogChannel::noteDropped() {
 }
 
 bool LogChannel::rollPending(LogRoller& roller) {
+  _rollerUsed = true;
   // The second attempt is for a directory that the first one found missing and created.
   std::string failure;
   if (tryRoll(roller, &failure) || tryRoll(roller, &failure)) return true;

@@ -30,7 +30,7 @@ class LogSignal {
 ///
 /// In a child that was forked while this object existed, lines go straight to the file and nothing
 /// else happens: what was queued at that moment belongs to the parent, and any lock may be held by
-/// a thread that the child does not have.
+/// a thread that the child does not have. A logger that wants more there makes a new channel.
 class LogChannel {
  public:
   /// Lines and bytes of text that may wait; beyond either the newest lines are dropped, and a line
@@ -68,6 +68,10 @@ class LogChannel {
   /// True in a child that was forked while this object existed.
   bool isForkedCopy() const;
 
+  /// True while no line has gone to the roller. A forked child may then use the roller as if it
+  /// were new: no thread of the parent was in it.
+  bool isRollerUnused() const { return !_rollerUsed; }
+
   bool isClosed() const { return _roller.load(std::memory_order_acquire) == nullptr; }
 
  private:
@@ -81,6 +85,7 @@ class LogChannel {
   const Header _header;
   Clock* _clock = &systemClock();
   std::atomic<LogRoller*> _roller;
+  std::atomic<bool> _rollerUsed{false};
   ZU_ThreadQueue<LogEntry> _queue{kMaxLines, kMaxBytes};
 
   ZU_ThreadMutex _signalMutex;

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "platform/local_time.h"
+
 namespace qel {
 namespace {
 
@@ -32,8 +34,7 @@ class Pieces {
 
 void addTime(Pieces& pieces, const LogHeaderStyle& style, bool millis, const timeval& now,
              const char* separator) noexcept {
-  std::tm local{};
-  localtime_r(&now.tv_sec, &local);
+  const std::tm local = localTime(now.tv_sec);
   const char* open = style.brackets ? "[" : "";
   const char* close = style.brackets ? "]" : "";
   const int year = local.tm_year + 1900;

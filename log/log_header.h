@@ -36,7 +36,7 @@ struct LogHeaderStyle {
 inline constexpr std::size_t kLogHeaderBytes = 127;
 
 /// Fills `head` with the header of one line and zeroes behind it; answers the header's length.
-/// Pure but for the process's time zone; may be called from any thread.
+/// Pure but for the process's time zone; may be called from any thread, and in a forked child.
 std::size_t formatLogHeader(char (&head)[kLogHeaderBytes], const LogHeaderStyle& style, int level,
                             const timeval& now, long threadId) noexcept;
 

@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "platform/abandon.h"
+
 namespace qel {
 
 LoggerStream::LoggerStream(std::shared_ptr<LogChannel> channel, int level, std::string_view header)
@@ -22,14 +24,17 @@ LoggerStream::~LoggerStream() {
   }
 }
 
-LoggerCore::LoggerCore(LogRoller& roller)
-    : _channel(std::make_shared<LogChannel>(roller, [this](int level) { return header(level); })) {}
+LoggerCore::LoggerCore(LogRoller& roller) : _roller(roller), _channel(makeChannel()) {}
 
 LoggerCore::~LoggerCore() {
   _channel->close();
-  // A thread of the parent may have been half-way through changing it when the process was copied.
-  if (_channel->isForkedCopy())
-    static_cast<void>(new std::shared_ptr<LogChannel>(std::move(_channel)));
+  if (_channel->isForkedCopy()) abandon(_channel);
+}
+
+std::shared_ptr<LogChannel> LoggerCore::makeChannel() {
+  auto channel = std::make_shared<LogChannel>(_roller, [this](int level) { return header(level); });
+  channel->setClock(*_clock);
+  return channel;
 }
 
 void LoggerCore::setCoreClock(Clock& clock) {
@@ -37,7 +42,16 @@ void LoggerCore::setCoreClock(Clock& clock) {
   _channel->setClock(clock);
 }
 
+void LoggerCore::beginAnewAfterFork() {
+  if (!_channel->isForkedCopy() || !_channel->isRollerUnused()) return;
+  auto channel = makeChannel();
+  _channel->close();
+  abandon(_channel);
+  _channel = std::move(channel);
+}
+
 void LoggerCore::setupThread(ZU_LoggerThreadGroup* group) {
+  beginAnewAfterFork();
   if (group != nullptr) {
     group->add(_channel);
   } else {

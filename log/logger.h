@@ -79,6 +79,10 @@ class LoggerCore {
 
   /// Lines go through `group` from now on. Until then, once the group has stopped, and with null,
   /// each is written by the thread that logs it.
+  ///
+  /// A forked child whose parent has not written a line with this logger makes it its own so,
+  /// before it starts threads that log. The copy of a logger that was in use goes on writing each
+  /// line at once and never rolls the file, because its locks may belong to threads of the parent.
   void setupThread(ZU_LoggerThreadGroup* group);
 
   /// A line of the given level, its header already written; one that discards everything when the
@@ -98,7 +102,10 @@ class LoggerCore {
 
  private:
   std::string header(int level) const;
+  std::shared_ptr<LogChannel> makeChannel();
+  void beginAnewAfterFork();
 
+  LogRoller& _roller;
   std::atomic<int> _level{kLogInfo};
   std::atomic<int> _flags{kHeaderTime};
   std::atomic<bool> _brackets{true};

@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/abandon.h"
 #include "platform/exception.h"
 
 namespace qel {
@@ -91,14 +92,22 @@ ZU_LoggerThreadGroup::ZU_LoggerThreadGroup(Clock& clock)
 
 ZU_LoggerThreadGroup::~ZU_LoggerThreadGroup() {
   stop();
-  // A thread of the parent may have been half-way through changing it when the process was copied.
-  if (getpid() != _shared->process)
-    static_cast<void>(new std::shared_ptr<Shared>(std::move(_shared)));
+  if (isForkedCopy()) abandon(_shared);
+}
+
+/// A forked child has no writers, and its copy of the locks may never be released.
+bool ZU_LoggerThreadGroup::isForkedCopy() const { return getpid() != _shared->process; }
+
+void ZU_LoggerThreadGroup::beginAnewAfterFork() {
+  if (!isForkedCopy()) return;
+  auto shared = std::make_shared<Shared>(_shared->clock);
+  abandon(_shared);
+  abandon(_writers);
+  _shared = std::move(shared);
 }
 
 void ZU_LoggerThreadGroup::start(int threads) {
-  // A forked child has no writers, and its copy of the locks may never be released.
-  if (getpid() != _shared->process) return;
+  beginAnewAfterFork();
   if (!_writers.empty() || threads < 1) return;
   {
     Hold hold(_shared->mutex);
@@ -121,7 +130,7 @@ void ZU_LoggerThreadGroup::start(int threads) {
 }
 
 void ZU_LoggerThreadGroup::add(std::shared_ptr<LogChannel> channel) {
-  if (getpid() != _shared->process) return;
+  if (isForkedCopy()) return;
   Hold hold(_shared->mutex);
   Channels& channels = _shared->channels;
   std::erase_if(channels, [](const auto& other) { return other->isClosed(); });
@@ -134,12 +143,12 @@ void ZU_LoggerThreadGroup::add(std::shared_ptr<LogChannel> channel) {
 }
 
 bool ZU_LoggerThreadGroup::flush() {
-  if (getpid() != _shared->process) return true;
+  if (isForkedCopy()) return true;
   return drainAll(_shared->copyOfChannels());
 }
 
 void ZU_LoggerThreadGroup::stop() {
-  if (getpid() != _shared->process) return;
+  if (isForkedCopy()) return;
   {
     Hold hold(_shared->mutex);
     _shared->stopping = true;

@@ -15,6 +15,9 @@ namespace qel {
 /// once at once and then every kRetryMillis, for as long as it takes. `start`, `stop` and
 /// destruction are not called at the same time as each other; everything else may be called from
 /// any thread.
+///
+/// In a forked child nothing happens until `start`, which begins anew, without the parent's
+/// loggers: the child sets its own up again, see LoggerCore::setupThread.
 class ZU_LoggerThreadGroup {
  public:
   static constexpr int kRetryMillis = 1000;
@@ -45,6 +48,9 @@ class ZU_LoggerThreadGroup {
  private:
   struct Shared;
   class Writer;
+
+  bool isForkedCopy() const;
+  void beginAnewAfterFork();
 
   std::shared_ptr<Shared> _shared;
   std::vector<std::unique_ptr<Writer>> _writers;

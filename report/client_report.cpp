@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "platform/abandon.h"
 #include "report/report_courier.h"
 #include "report/report_store.h"
 
@@ -53,10 +54,8 @@ void ClientReport::stop() {
 bool ClientReport::isForkedCopy() const noexcept { return getpid() != _process; }
 
 void ClientReport::abandonParents() noexcept {
-  // Threads of the parent may have been half-way through changing both when the process was copied,
-  // so they are never looked at again, not even to free them.
-  static_cast<void>(new std::shared_ptr<tolvar::ReportStore>(std::move(_store)));
-  static_cast<void>(new std::shared_ptr<tolvar::ReportCourier>(std::move(_courier)));
+  qel::abandon(_store);
+  qel::abandon(_courier);
 }
 
 void ClientReport::beginAnewAfterFork() {

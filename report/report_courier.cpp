@@ -4,6 +4,8 @@
 #include <csignal>
 #include <cstdint>
 #include <iterator>
+#include <new>
+#include <type_traits>
 #include <utility>
 
 #include "platform/exception.h"
@@ -166,29 +168,40 @@ bool ReportCourier::callService(Lock& lock, Call call) {
 }
 
 bool ReportCourier::deliverCounts(Lock& lock) {
-  const std::vector<ravel::ReportCount> all = _counts.table.sorted();
+  std::vector<ravel::ReportCount> all = _counts.table.sorted();
+  std::vector<ravel::ReportCount> some;
+  some.reserve(std::min(kCountsPerCall, all.size()));
+  // Nothing below throws for want of memory: names are moved, never copied, so that none is lost
+  // between the table and the call.
+  static_assert(std::is_nothrow_move_constructible_v<ravel::ReportCount> &&
+                std::is_nothrow_move_assignable_v<ravel::ReportCount>);
   std::uint64_t dropped = std::exchange(_counts.dropped, 0);
   _counts.table = CountTable();
-  std::size_t begin = 0;
-  while (begin < all.size() || dropped != 0) {
-    const std::size_t end = std::min(begin + kCountsPerCall, all.size());
-    const std::vector<ravel::ReportCount> some(all.begin() + static_cast<std::ptrdiff_t>(begin),
-                                               all.begin() + static_cast<std::ptrdiff_t>(end));
+  auto begin = all.begin();
+  while (begin != all.end() || dropped != 0) {
+    const std::size_t size = std::min(kCountsPerCall, static_cast<std::size_t>(all.end() - begin));
+    const auto end = begin + static_cast<std::ptrdiff_t>(size);
+    some.assign(std::make_move_iterator(begin), std::make_move_iterator(end));
     const bool delivered = callService(
         lock, [&](ravel::TolvarProxy& service) { service.reportCounts(some, dropped); });
     if (_leftAlone) return false;
-    if (!delivered) break;
+    if (!delivered) {
+      std::move(some.begin(), some.end(), begin);
+      break;
+    }
     begin = end;
     dropped = 0;
   }
-  for (std::size_t i = begin; i < all.size(); ++i)
-    _counts.add(all[i].info.type, all[i].info.name, all[i].count);
+  const bool complete = begin == all.end() && dropped == 0;
+  for (; begin != all.end(); ++begin) _counts.add(begin->info.type, begin->info.name, begin->count);
   _counts.dropped += dropped;
-  return begin == all.size() && dropped == 0;
+  return complete;
 }
 
 std::vector<std::string> ReportCourier::takeLines() {
   std::vector<std::string> taken;
+  // Nothing is taken before there is room for it.
+  taken.reserve(std::min(kLinesPerCall, _lines.lines.size()));
   std::size_t bytes = 0;
   while (!_lines.lines.empty() && taken.size() < kLinesPerCall) {
     bytes += _lines.lines.front().size();
@@ -197,6 +210,17 @@ std::vector<std::string> ReportCourier::takeLines() {
     _lines.lines.pop_front();
   }
   return taken;
+}
+
+/// Puts lines of a failed call back in front of the others. Those that there is no memory for are
+/// lost and count as dropped.
+void ReportCourier::putBack(std::vector<std::string> lines) noexcept {
+  try {
+    for (; !lines.empty(); lines.pop_back()) _lines.lines.push_front(std::move(lines.back()));
+  } catch (const std::bad_alloc&) {
+    _store->linesGone(lines);
+    _lines.dropped += lines.size();
+  }
 }
 
 void ReportCourier::deliverLines(Lock& lock) {
@@ -208,8 +232,7 @@ void ReportCourier::deliverLines(Lock& lock) {
     if (delivered || _leftAlone) _store->linesGone(some);
     if (_leftAlone) return;
     if (!delivered) {
-      _lines.lines.insert(_lines.lines.begin(), std::make_move_iterator(some.begin()),
-                          std::make_move_iterator(some.end()));
+      putBack(std::move(some));
       _lines.dropped += dropped;
       return;
     }

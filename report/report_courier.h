@@ -64,6 +64,7 @@ class ReportCourier : public std::enable_shared_from_this<ReportCourier> {
   bool deliverCounts(Lock& lock);
   void deliverLines(Lock& lock);
   std::vector<std::string> takeLines();
+  void putBack(std::vector<std::string> lines) noexcept;
   template <class Call>
   bool callService(Lock& lock, Call call);
 

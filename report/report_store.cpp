@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <iterator>
+#include <new>
 #include <utility>
 
 namespace tolvar {
@@ -103,14 +104,21 @@ void ReportStore::collectLines(PendingLines* pending) {
   const std::uint64_t end = _sequence.load();
   std::vector<Line>& found = _heldBack;
   _lines.withEach([&](Lines& lines) {
+    // Room for all of them first: a line that was moved and is then left behind would come again,
+    // empty.
+    found.reserve(found.size() + lines.queued.size());
     std::move(lines.queued.begin(), lines.queued.end(), std::back_inserter(found));
     std::vector<Line>().swap(lines.queued);
   });
   std::sort(found.begin(), found.end(),
             [](const Line& a, const Line& b) { return a.sequence < b.sequence; });
   auto line = found.begin();
-  for (; line != found.end() && line->sequence < end; ++line)
-    pending->lines.push_back(std::move(line->text));
+  try {
+    for (; line != found.end() && line->sequence < end; ++line)
+      pending->lines.push_back(std::move(line->text));
+  } catch (const std::bad_alloc&) {
+    // No memory for more: the rest is held back.
+  }
   found.erase(found.begin(), line);
   pending->dropped += _droppedLines.exchange(0, std::memory_order_relaxed);
 }

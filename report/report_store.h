@@ -49,7 +49,9 @@ class ReportStore {
   void collectCounts(PendingCounts* pending);
 
   /// Moves the lines queued before the call to the end of `pending`, in the order in which they
-  /// were queued. They count against the limits until `linesGone` is told that they left `pending`.
+  /// were queued. Those that there is no memory to move stay for the next call; may throw
+  /// std::bad_alloc, losing none. They count against the limits until `linesGone` is told that they
+  /// left `pending`.
   void collectLines(PendingLines* pending);
   void linesGone(const std::vector<std::string>& lines) noexcept;
 

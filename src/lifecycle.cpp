@@ -1,8 +1,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <new>
 
+#include "platform/abandon.h"
 #include "src/client_internals.h"
 #include "src/client_log.h"
 #include "src/segment_layout.h"
@@ -80,9 +80,9 @@ TolvarAPI::~TolvarAPI() {
 }
 
 /// In a forked child: whatever a thread of the parent may have been changing when the process was
-/// copied is never looked at again, not even to free it. Members are made anew on top of it.
+/// copied is never looked at again, not even to free it.
 void TolvarAPI::abandonParents() noexcept {
-  const auto abandon = []<class Member>(Member& member) { new (&member) Member(); };
+  using qel::abandon;
   abandon(m_client_conf);
   abandon(_pTolvarPrx);
   abandon(_pFTolvarPrx);

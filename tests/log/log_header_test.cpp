@@ -4,7 +4,12 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <string>
+#include <thread>
+
+#include "tests/support/forked_child.h"
 
 namespace {
 
@@ -75,6 +80,27 @@ TEST_F(LogHeader, BufferIsZeroBehindTheHeader) {
   std::fill(std::begin(head), std::end(head), 'x');
   const std::size_t length = formatLogHeader(head, {kHeaderLevel, true, "|"}, kLogInfo, kMoment, 1);
   EXPECT_TRUE(std::all_of(head + length, std::end(head), [](char c) { return c == 0; }));
+}
+
+/// A thread that is in the middle of it when the process is copied does not exist in the child.
+TEST_F(LogHeader, AChildForkedWhileAnotherThreadMakesOneCanMakeOneToo) {
+  constexpr int kForks = 300;
+  std::atomic<bool> stop{false};
+  std::atomic<std::uint64_t> made{0};
+  std::thread other([&] {
+    char head[kLogHeaderBytes];
+    for (; !stop; ++made) formatLogHeader(head, {kHeaderTime, true, "|"}, kLogInfo, kMoment, 1);
+  });
+  for (int i = 0; i < kForks && !HasFailure(); ++i) {
+    const std::uint64_t before = made;
+    while (made == before) std::this_thread::yield();
+    EXPECT_TRUE(tolvar_test::endsWellForked([] {
+      return format({kHeaderTime, true, "|"}, kLogInfo) == "[2023-11-14 22:13:20]|" ? 0 : 1;
+    })) << "child "
+        << i;
+  }
+  stop = true;
+  other.join();
 }
 
 }  // namespace

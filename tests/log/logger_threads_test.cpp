@@ -2,6 +2,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -10,6 +11,7 @@
 #include "log/logger.h"
 #include "log/logger_thread_group.h"
 #include "tests/log/log_probe.h"
+#include "tests/support/forked_child.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -21,9 +23,12 @@ using Logger = ZU_Logger<ZU_DefaultWriteT, ZU_RollBySize>;
 
 /// Set up as the client sets up its log, members in its order.
 struct Host {
-  explicit Host(const std::string& path, int threads = 1) {
+  Host() = default;
+  explicit Host(const std::string& path, int threads = 1) { setUp(path, threads, 52428800); }
+
+  void setUp(const std::string& path, int threads, int maxSize) {
     _local.start(threads);
-    _logger.init(path, 52428800, 10);
+    _logger.init(path, maxSize, 10);
     _logger.modFlag(1, false);
     _logger.setupThread(&_local);
   }
@@ -194,6 +199,51 @@ TEST(LoggerThreads, AForkedChildLogsAndEndsWithoutWaitingForThreadsItDoesNotHave
   host->_logger.info() << "after" << std::endl;
   host.reset();
   EXPECT_EQ(readFile(dir.file("base.log")), "before\nchild\nafter\n");
+}
+
+TEST(LoggerThreads, ALoggerMadeBeforeAForkAndSetUpInTheChildIsWrittenByItsGroupAndRolls) {
+  static std::atomic<pid_t> writer{0};
+  const SystemCallsGuard guard;
+  guard.calls().write = [](int fd, const void* data, size_t size) {
+    writer = gettid();
+    return ::write(fd, data, size);
+  };
+  const TempDir dir;
+  auto host = std::make_unique<Host>();
+  EXPECT_TRUE(endsWellForked([&] {
+    constexpr int kMaxSize = 1000;
+    host->setUp(dir.file("base"), 1, kMaxSize);
+    host->_logger.info() << std::string(kMaxSize, 'x') << std::endl;
+    while (writer == 0) std::this_thread::yield();
+    if (writer == gettid()) return 1;
+    host.reset();
+    return exists(dir.file("base1.log")) ? 0 : 2;
+  }));
+}
+
+TEST(LoggerThreads, ALoggerThatWasInUseAtAForkIsSetUpInTheChildWithoutWaitingForItsLocks) {
+  static std::atomic<bool> writing{false};
+  static std::atomic<bool> hold{true};
+  const SystemCallsGuard guard;
+  guard.calls().write = [](int fd, const void* data, size_t size) {
+    writing = true;
+    while (hold) std::this_thread::yield();
+    return ::write(fd, data, size);
+  };
+  const TempDir dir;
+  auto host = std::make_unique<Host>(dir.file("base"));
+  host->_logger.info() << "parent" << std::endl;
+  while (!writing) std::this_thread::yield();
+  EXPECT_TRUE(endsWellForked([&] {
+    hold = false;
+    host->_logger.setupThread(&host->_local);
+    host->_logger.info() << "child" << std::endl;
+    host.reset();
+    return 0;
+  }));
+  hold = false;
+  host.reset();
+  EXPECT_EQ(readFile(dir.file("base.log")), "child\nparent\n");
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ TEST_F(Delivery, LinesOfAFailedCallGoFirstTheNextTime) {
   for (int i = 0; i < 20; ++i) EXPECT_EQ(lines[i], std::to_string(i));
 }
 
-TEST_F(Delivery, LargeReportsGoInSeveralCallsAndAFailureKeepsOnlyTheRest) {
+TEST_F(Delivery, LargeReportsGoInSeveralCalls) {
   for (int i = 0; i < 10000; ++i) report.report(ECity, std::to_string(i));
   passInterval();
   EXPECT_EQ(ledger.names(), 10000u);
@@ -111,6 +111,17 @@ TEST_F(Delivery, LargeReportsGoInSeveralCallsAndAFailureKeepsOnlyTheRest) {
   passInterval();
   EXPECT_EQ(ledger.lineCalls(), 3);
   EXPECT_EQ(ledger.lines().size(), 2500u);
+}
+
+TEST_F(Delivery, AFailureBetweenTheCallsOfALargeReportKeepsOnlyTheRest) {
+  for (int i = 0; i < 10000; ++i) report.report(ECity, std::to_string(i));
+  ledger.failNext(1, 1);
+  passInterval();
+  EXPECT_EQ(ledger.names(), 4096u);
+  passInterval();
+  EXPECT_EQ(ledger.names(), 10000u);
+  EXPECT_EQ(ledger.hits(), 10000u);
+  EXPECT_EQ(ledger.droppedHits(), 0u);
 }
 
 TEST_F(Delivery, LimitOfWaitingLinesIncludesThoseOfAFailedDelivery) {

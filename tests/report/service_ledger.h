@@ -45,10 +45,11 @@ class ServiceLedger {
 
   ravel::TolvarPrx proxy() const { return fakeProxy(_service); }
 
-  /// The next `calls` calls fail.
-  void failNext(int calls) {
+  /// The next `calls` calls fail, or as many after `successes` that succeed.
+  void failNext(int calls, int successes = 0) {
     Lock lock(_mutex);
     _failures = calls;
+    _successesFirst = successes;
   }
 
   /// Calls hang from now on, until `release`; then they succeed.
@@ -101,7 +102,7 @@ class ServiceLedger {
     _changed.wait(lock, [this] { return !_hang; });
     --_hanging;
     _changed.notify_all();
-    if (_failures == 0) return;
+    if (_failures == 0 || _successesFirst-- > 0) return;
     --_failures;
     throw qel::ZU_Exception("the service is not there");
   }
@@ -117,6 +118,7 @@ class ServiceLedger {
   int _countCalls = 0;
   int _lineCalls = 0;
   int _failures = 0;
+  int _successesFirst = 0;
   int _hanging = 0;
   bool _hang = false;
 };

@@ -5,25 +5,16 @@
 
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <thread>
 
 #include "platform/interprocess_lock.h"
 #include "tests/src/update/scene.h"
+#include "tests/support/forked_child.h"
 
 namespace tolvar_test {
 namespace {
-
-/// Waits for a child; true when it answered 0 within a minute.
-testing::AssertionResult endsWell(pid_t child) {
-  int status = 0;
-  if (waitpid(child, &status, 0) != child) return testing::AssertionFailure() << "no child";
-  if (WIFSIGNALED(status))
-    return testing::AssertionFailure() << "ended by signal " << WTERMSIG(status);
-  if (WEXITSTATUS(status) != 0)
-    return testing::AssertionFailure() << "answered " << WEXITSTATUS(status);
-  return testing::AssertionSuccess();
-}
 
 /// In a child: lookups of every form, then destruction. Answers 0 when all went well.
 int useAndDestroy(TolvarAPI* client) {
@@ -127,6 +118,22 @@ TEST(Fork, AnObjectMadeBeforeAndInitializedInTheChildIsTheChilds) {
     _exit(useAndDestroy(client.release()) == 0 ? 0 : 2);
   }
   EXPECT_TRUE(endsWell(child));
+}
+
+TEST(Fork, AnObjectMadeBeforeAndInitializedInTheChildRollsItsLog) {
+  Scene scene;
+  plantSmallSegments(scene.keys, 64, 8);
+  TableServer server(scene.service);
+  server.publish(selfCheckingTable(1, 5));
+  std::filesystem::create_directories(std::filesystem::path(scene.logFile()).parent_path());
+  writeFile(scene.logFile(), "");
+  std::filesystem::resize_file(scene.logFile(), 52428800);  // full, and takes no room
+  auto client = std::make_unique<TolvarAPI>();
+  EXPECT_TRUE(endsWellForked([&] {
+    if (!client->initialize(scene.loggingOptions())) return 1;
+    client.reset();
+    return std::filesystem::exists(scene.directory.file("Tolvar/API/Tolvar.API1.log")) ? 0 : 2;
+  }));
 }
 
 /// A publisher that is stopped keeps the lock. Others give the wait up, keep answering and their
