@@ -1,8 +1,6 @@
 #include "service/csv_exporter.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -117,17 +115,28 @@ bool isSameContent(const TableVersion& a, const TableVersion& b) {
          std::equal(a.codes().begin(), a.codes().end(), b.codes().begin(), b.codes().end(), same);
 }
 
-/// Ids lie where the importer would put them, so that places keep their parents.
+/// What is wrong with an id that the importer would never give to such a name, so that places keep
+/// their parents; empty when nothing is.
+std::string faultOf(const IdRegistry::Key& key, std::int64_t id) {
+  const auto isOutside = [id](std::int64_t first, std::int64_t last) {
+    return id < first || id > last
+               ? "is not from " + std::to_string(first) + " to " + std::to_string(last)
+               : "";
+  };
+  if (key.type > CodeType::Country && key.type <= CodeType::District) {
+    const bool isBelow = id / 1000 == key.parent && id % 1000 != 0;
+    return isBelow ? "" : "does not lie below its parent's " + std::to_string(key.parent);
+  }
+  if (key.parent != 0) return "has the parent " + std::to_string(key.parent) + "; expected 0";
+  return key.type == CodeType::Country ? isOutside(kFirstOwnCountry, kLastOwnCountry)
+                                       : isOutside(1, UINT32_MAX);
+}
+
 void checkId(const IdRegistry::Key& key, std::int64_t id) {
-  bool isGood = key.parent == 0 && id <= UINT32_MAX;
-  if (key.type == CodeType::Country)
-    isGood = key.parent == 0 && id >= kFirstOwnCountry && id <= kLastOwnCountry;
-  else if (key.type <= CodeType::District)
-    isGood = id / 1000 == key.parent && id % 1000 != 0;
-  if (!isGood)
-    throw std::invalid_argument(std::string("the ") + kindName(key.type) + " id " +
-                                std::to_string(id) + " does not lie below its parent's " +
-                                std::to_string(key.parent));
+  const std::string fault = faultOf(key, id);
+  if (fault.empty()) return;
+  throw std::invalid_argument(std::string("the ") + kindName(key.type) + " id " +
+                              std::to_string(id) + " " + fault);
 }
 
 /// Takes over an entry as IdRegistry writes it, without the line end.
@@ -201,19 +210,11 @@ IdRegistry exportedIds(std::string_view text) {
   return ids;
 }
 
-IdRegistry exportedIdsOf(const std::string& path) {
-  std::error_code ignored;
-  if (!std::filesystem::is_regular_file(path, ignored)) return {};
-  std::ifstream file(path, std::ios::binary);
-  std::string comments;
-  for (std::string line; std::getline(file, line);) {
-    if (!line.starts_with('#') && !line.starts_with(std::string(kUtf8Mark) + '#')) break;
-    comments += line + '\n';
-  }
+IdRegistry exportedIds(const TextSource& source) {
   try {
-    return exportedIds(comments);
+    return exportedIds(source.text());
   } catch (const std::invalid_argument& error) {
-    throw std::runtime_error(path + ": " + error.what());
+    throw std::runtime_error(source.name() + ": " + error.what());
   }
 }
 

@@ -7,6 +7,7 @@
 #include "service/id_registry.h"
 #include "service/iso_countries.h"
 #include "service/table_version.h"
+#include "service/text_source.h"
 
 namespace tolvar::service {
 
@@ -23,8 +24,8 @@ std::string exportCsv(const TableVersion& table, const IdRegistry& ids,
 /// beginning of the file. Throws std::invalid_argument naming the line that is wrong.
 IdRegistry exportedIds(std::string_view text);
 
-/// The same from the file `path`; empty when it is no regular file. Throws std::runtime_error.
-IdRegistry exportedIdsOf(const std::string& path);
+/// The same from a file that was read. Throws std::runtime_error naming the file as well.
+IdRegistry exportedIds(const TextSource& source);
 
 /// Adds to `own` the entries of `other` that it has room for: an entry whose name has another id,
 /// or whose id another name, stays out, and so do places below it. Answers how many stayed out.

@@ -4,7 +4,6 @@
 
 #include "service/country_importer.h"
 #include "service/csv_importer.h"
-#include "service/text_source.h"
 
 namespace tolvar::service {
 namespace {
@@ -23,7 +22,10 @@ bool looksLikeData(std::string_view line) {
 }  // namespace
 
 ImportResult importTable(const std::string& path, const ImportOptions& options) {
-  const TextSource source = TextSource::load(path, kMaxImportBytes);
+  return importTable(TextSource::load(path, kMaxImportBytes), options);
+}
+
+ImportResult importTable(const TextSource& source, const ImportOptions& options) {
   if (looksLikeData(firstLine(source))) return importCountries(source, options);
   return importCsv(source, options);
 }

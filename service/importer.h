@@ -8,6 +8,7 @@
 #include "service/import_error.h"
 #include "service/iso_countries.h"
 #include "service/table_data.h"
+#include "service/text_source.h"
 
 namespace tolvar::service {
 
@@ -37,5 +38,8 @@ struct ImportResult {
 /// All or nothing: throws ImportError when the file cannot be read or anything in it is wrong.
 /// Memory is bounded by the limits above. May be called from any thread.
 ImportResult importTable(const std::string& path, const ImportOptions& options = {});
+
+/// The same from a file that was read already, by TextSource::load with kMaxImportBytes.
+ImportResult importTable(const TextSource& source, const ImportOptions& options = {});
 
 }  // namespace tolvar::service

@@ -22,6 +22,8 @@ int codeOf(sqlite3* handle) {
   return code == SQLITE_IOERR && (error == ENOSPC || error == EDQUOT) ? SQLITE_FULL : code;
 }
 
+bool isDamage(int code) { return code == SQLITE_NOTADB || code == SQLITE_CORRUPT; }
+
 /// What went wrong, and what to do about it.
 std::string explained(sqlite3* handle) {
   switch (codeOf(handle)) {
@@ -44,6 +46,17 @@ std::string explained(sqlite3* handle) {
   }
 }
 
+/// What to call the file at `path`, so that nothing but a file is ever opened: SQLite takes the
+/// empty name, ":memory:" and "file:" URIs for databases that are gone when the program ends.
+std::string fileName(const std::string& path) {
+  if (path.empty()) throw StoreError("the path of the database is empty; name a file");
+  std::error_code ignored;
+  const auto status = std::filesystem::status(path, ignored);
+  if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status))
+    throw StoreError(path + ": is no regular file, so it cannot be the database; name another");
+  return path.front() == '/' ? path : "./" + path;
+}
+
 }  // namespace
 
 void SqliteConnection::Closer::operator()(sqlite3* handle) const noexcept {
@@ -55,7 +68,8 @@ SqliteConnection::SqliteConnection(const std::string& path, Mode mode) : _path(p
                     : mode == Mode::ReadWrite ? SQLITE_OPEN_READWRITE
                                               : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
   sqlite3* handle = nullptr;
-  const int result = sqlite3_open_v2(path.c_str(), &handle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+  const int result =
+      sqlite3_open_v2(fileName(path).c_str(), &handle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
   _handle.reset(handle);
   if (result != SQLITE_OK) {
     std::error_code ignored;
@@ -67,7 +81,10 @@ SqliteConnection::SqliteConnection(const std::string& path, Mode mode) : _path(p
 }
 
 void SqliteConnection::fail() const {
-  throw StoreError(_path + ": " + (_handle ? explained(_handle.get()) : "out of memory"));
+  if (!_handle) throw StoreError(_path + ": out of memory");
+  const std::string text = _path + ": " + explained(_handle.get());
+  if (isDamage(codeOf(_handle.get()))) throw StoreDamage(text);
+  throw StoreError(text);
 }
 
 void SqliteConnection::setBusyMillis(int millis) { sqlite3_busy_timeout(_handle.get(), millis); }

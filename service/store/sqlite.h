@@ -18,6 +18,12 @@ class StoreError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// The file is there and can be read, but is no database or one that was damaged.
+class StoreDamage : public StoreError {
+ public:
+  using StoreError::StoreError;
+};
+
 /// A connection to one SQLite file. Used by one thread at a time; several connections, in several
 /// processes, may be open at once. A writer waits for another for up to kBusyMillis.
 class SqliteConnection {
@@ -26,7 +32,8 @@ class SqliteConnection {
 
   enum class Mode { ReadOnly, ReadWrite, Create };
 
-  /// Throws StoreError.
+  /// `path` is that of a regular file, whatever it looks like: names that mean something else to
+  /// SQLite (":memory:", "file:...") are files, too. Throws StoreError.
   SqliteConnection(const std::string& path, Mode mode);
 
   /// Runs statements without parameters or results.
@@ -50,7 +57,7 @@ class SqliteConnection {
   sqlite3* handle() const noexcept { return _handle.get(); }
   const std::string& path() const noexcept { return _path; }
 
-  /// Throws StoreError: the file, what failed, and what to do about it.
+  /// Throws StoreError, or StoreDamage: the file, what failed, and what to do about it.
   [[noreturn]] void fail() const;
 
  private:

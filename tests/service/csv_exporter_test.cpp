@@ -5,7 +5,6 @@
 #include <random>
 
 #include "tests/service/import_support.h"
-#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -158,17 +157,26 @@ TEST(ExportedIds, AFaultNamesItsLine) {
 TEST(ExportedIds, AnIdThatItsParentDoesNotBeginIsRefused) {
   EXPECT_THAT(faultOf("#id\t2\t276\t277001\tBayern\n"), HasSubstr("does not lie below"));
   EXPECT_THAT(faultOf("#id\t2\t276\t276000\tBayern\n"), HasSubstr("does not lie below"));
-  EXPECT_THAT(faultOf("#id\t1\t0\t276\tLand\n"), HasSubstr("does not lie below"));
-  EXPECT_THAT(faultOf("#id\t6\t5\t1\tNetz\n"), HasSubstr("does not lie below"));
-  EXPECT_THAT(faultOf("#id\t6\t0\t4294967296\tNetz\n"), HasSubstr("does not lie below"));
 }
 
-TEST(ExportedIds, AFileWithoutThemAndNoFileHaveNone) {
-  const tolvar_test::TempDir directory;
-  tolvar_test::writeFile(directory.file("t.csv"), "start,end\n");
-  EXPECT_EQ(exportedIdsOf(directory.file("t.csv")).size(), 0u);
-  EXPECT_EQ(exportedIdsOf(directory.file("absent")).size(), 0u);
-  EXPECT_EQ(exportedIdsOf(directory.path()).size(), 0u);
+TEST(ExportedIds, AnIdThatTheImporterNeverGivesIsRefused) {
+  EXPECT_THAT(faultOf("#id\t1\t0\t276\tLand\n"),
+              HasSubstr("the country id 276 is not from 1000 to 2999"));
+  EXPECT_THAT(faultOf("#id\t6\t5\t1\tNetz\n"),
+              HasSubstr("the operator id 1 has the parent 5; expected 0"));
+  EXPECT_THAT(faultOf("#id\t6\t0\t4294967296\tNetz\n"),
+              HasSubstr("the operator id 4294967296 is not from 1 to 4294967295"));
+}
+
+TEST(ExportedIds, OfAFileThatWasReadAndFaultsNameIt) {
+  EXPECT_EQ(exportedIds(TextSource("t.csv", "start,end\n")).size(), 0u);
+  EXPECT_EQ(exportedIds(TextSource("t.csv", "#id\t6\t0\t3\tNetz\nstart,end\n")).size(), 1u);
+  try {
+    exportedIds(TextSource("t.csv", "# a\n#id\t6\n"));
+    FAIL() << "it was taken";
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr("t.csv: line 2: #id: expected type"));
+  }
 }
 
 TEST(MergeIds, WhatIsFreeComesIn) {

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
@@ -75,6 +76,47 @@ TEST_F(StoreFaults, AnEmptyFileIsFilledByAnImportOnly) {
 TEST_F(StoreFaults, ADirectoryIsNoDatabase) {
   std::filesystem::create_directory(path());
   EXPECT_THAT(failure(TableStore::Mode::Create), HasSubstr(path()));
+}
+
+TEST_F(StoreFaults, APipeIsNoDatabaseAndIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+  for (const auto mode : {TableStore::Mode::ReadOnly, TableStore::Mode::Create})
+    EXPECT_THAT(failure(mode), AllOf(HasSubstr(path()), HasSubstr("no regular file")));
+}
+
+TEST_F(StoreFaults, ADamagedFileIsToldFromOneThatCannotBeUsed) {
+  EXPECT_THROW(open(TableStore::Mode::ReadOnly), StoreError);
+  tolvar_test::writeFile(path(), std::string(5000, 'g'));
+  EXPECT_THROW(open(TableStore::Mode::ReadOnly), StoreDamage);
+  std::filesystem::remove(path());
+  tamper("CREATE TABLE theirs (x)");
+  try {
+    open(TableStore::Mode::ReadOnly);
+    FAIL() << "it was opened";
+  } catch (const StoreDamage& error) {
+    FAIL() << error.what();
+  } catch (const StoreError&) {
+  }
+}
+
+TEST(StoreNames, AnEmptyOneIsNoFile) {
+  try {
+    const TableStore store("", TableStore::Mode::Create);
+    FAIL() << "it was opened";
+  } catch (const StoreError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("path of the database is empty"));
+  }
+}
+
+TEST(StoreNames, WhatSqliteTakesForMemoryIsAFile) {
+  const tolvar_test::WorkingDirectory directory;
+  for (const char* name : {":memory:", "file:t.db?mode=memory", "file::memory:"}) {
+    {
+      const TableStore store(name, TableStore::Mode::Create);
+      EXPECT_TRUE(std::filesystem::is_regular_file(directory.file(name))) << name;
+    }
+    EXPECT_TRUE(TableStore(name, TableStore::Mode::ReadOnly).versions().empty()) << name;
+  }
 }
 
 TEST_F(StoreFaults, ChangedRangesAreFound) {

@@ -24,6 +24,12 @@ class Tolvard : public testing::Test {
     return tolvar_test::runTool(TOLVARD, arguments);
   }
 
+  /// Runs a line of the shell, in which $0 is the program and $1 the first of the arguments.
+  static ToolRun shell(const std::string& line, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"-c", line, TOLVARD});
+    return tolvar_test::runTool("/bin/sh", arguments);
+  }
+
   nlohmann::json json(std::vector<std::string> arguments) const {
     arguments.push_back("--json");
     const ToolRun result = run(arguments);
@@ -148,12 +154,98 @@ TEST_F(Tolvard, AnExportImportsToTheSameAndExportsToTheSameBytes) {
   EXPECT_THAT(run({"export", "--version", "1"}).out, HasSubstr("9.0.0.0,9.0.0.9,,,,,,Zeta"));
 }
 
-TEST_F(Tolvard, AnExportThatCannotBeWrittenLeavesTheOldFile) {
+TEST_F(Tolvard, AnExportThatComesThroughAPipeKeepsItsIds) {
+  run({"import", file("first.csv", "start,end,oper\n9.0.0.0,9.0.0.9,Zeta\n")});
+  run({"import", "--force", TOLVAR_SAMPLE});  // ids now depend on the history
+  const std::string exported = directory.file("out.csv");
+  ASSERT_EQ(run({"export", exported}).exitStatus, 0);
+  const std::string other = directory.file("other.db");
+  const ToolRun import =
+      shell("cat \"$1\" | \"$0\" import /dev/stdin --db \"$2\"", {exported, other});
+  EXPECT_EQ(import.exitStatus, 0) << import.err;
+  EXPECT_EQ(tolvar_test::runTool(TOLVARD, {"export", "--db", other}).out,
+            tolvar_test::readFile(exported));
+}
+
+TEST_F(Tolvard, AnExportThatCannotBeWrittenIsSaid) {
   run({"import", TOLVAR_SAMPLE});
   const ToolRun nowhere = run({"export", directory.file("absent/out.csv")});
   EXPECT_EQ(nowhere.exitStatus, 2);
   EXPECT_THAT(nowhere.err, HasSubstr("cannot be written"));
   EXPECT_EQ(run({"export", "--version", "7"}).exitStatus, 2);
+}
+
+TEST_F(Tolvard, AnExportNeverTakesThePlaceOfItsDatabase) {
+  run({"import", TOLVAR_SAMPLE});
+  std::filesystem::create_symlink("t.db", directory.file("link.db"));
+  std::filesystem::create_hard_link(database(), directory.file("same.db"));
+  for (const char* name :
+       {"t.db", "./t.db", "link.db", "same.db", "t.db-wal", "t.db-shm", "t.db-journal"}) {
+    const ToolRun result = run({"export", directory.file(name)});
+    EXPECT_EQ(result.exitStatus, 2) << name;
+    EXPECT_THAT(result.err, HasSubstr("belongs to the database")) << name;
+  }
+  const std::string byLink = directory.file("link.db");
+  EXPECT_EQ(
+      tolvar_test::runTool(TOLVARD, {"export", "--db", byLink, database() + "-wal"}).exitStatus, 2);
+  const ToolRun relative =
+      shell("cd \"$1\" && exec \"$0\" export --db t.db t.db-journal", {directory.path()});
+  EXPECT_EQ(relative.exitStatus, 2);
+  EXPECT_EQ(run({"check"}).exitStatus, 0);
+  EXPECT_EQ(versionCount(), 1u);
+}
+
+TEST_F(Tolvard, AnExportToStandardOutputByNameGoesBehindWhatIsThere) {
+  run({"import", TOLVAR_SAMPLE});
+  // Through a link of the test's own, because a defect here would replace what it leads to.
+  std::filesystem::create_symlink("/dev/stdout", directory.file("out"));
+  const std::string all = directory.file("all.csv");
+  const ToolRun result =
+      shell("{ echo first; \"$0\" export \"$1\" --db \"$2\"; echo last; } > \"$3\"",
+            {directory.file("out"), database(), all});
+  EXPECT_EQ(result.exitStatus, 0) << result.err;
+  EXPECT_EQ(tolvar_test::readFile(all), "first\n" + run({"export"}).out + "last\n");
+}
+
+TEST_F(Tolvard, ADatabaseIsAlwaysAFile) {
+  const tolvar_test::WorkingDirectory here;
+  for (const std::string name : {":memory:", "file:foo.db?mode=memory"}) {
+    const ToolRun import = tolvar_test::runTool(TOLVARD, {"import", TOLVAR_SAMPLE, "--db", name});
+    EXPECT_EQ(import.exitStatus, 0) << import.err;
+    EXPECT_TRUE(std::filesystem::exists(here.file(name))) << name;
+    EXPECT_THAT(tolvar_test::runTool(TOLVARD, {"check", "--db", name}).out,
+                HasSubstr(name + ": intact, 1 version"));
+  }
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{"import", TOLVAR_SAMPLE},
+                                             {"import", "--dry-run", TOLVAR_SAMPLE},
+                                             {"versions"},
+                                             {"check"},
+                                             {"rollback", "1"},
+                                             {"conf", "get"},
+                                             {"usage"},
+                                             {"export"}}) {
+    std::vector<std::string> words = command;
+    words.insert(words.end(), {"--db", ""});
+    const ToolRun result = tolvar_test::runTool(TOLVARD, words);
+    EXPECT_EQ(result.exitStatus, 2) << command[0];
+    EXPECT_THAT(result.err, HasSubstr("the path is empty")) << command[0];
+  }
+}
+
+TEST_F(Tolvard, NumbersThatAreNoneAreSaid) {
+  run({"import", TOLVAR_SAMPLE});
+  for (const char* number : {"99999999999999999999", "0", "-1", "01", "1x"}) {
+    const ToolRun back = run({"rollback", number});
+    EXPECT_EQ(back.exitStatus, 2) << number;
+    EXPECT_THAT(back.err, HasSubstr(std::string(number) + " is no number of a version")) << number;
+    EXPECT_THAT(run({"export", "--version", number}).err, HasSubstr("is no number of a version"));
+  }
+  for (const char* number : {"-1", "99999999999999999999"}) {
+    const ToolRun usage = run({"usage", "--top", number});
+    EXPECT_EQ(usage.exitStatus, 2) << number;
+    EXPECT_THAT(usage.err, HasSubstr("not in range")) << number;
+  }
 }
 
 TEST_F(Tolvard, TheConfigurationRaisesItsVersion) {

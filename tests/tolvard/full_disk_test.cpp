@@ -132,6 +132,22 @@ TEST_F(FullDisk, AServiceGoesOnWithoutAByteLeftAndStoresItsReportsLater) {
   });
 }
 
+TEST_F(FullDisk, AnExportThatDoesNotFitLeavesTheOldFile) {
+  onDisk([&](const SmallDisk& disk) {
+    const std::string database = tables.file("t.db"), old = disk.file("out.csv");
+    ASSERT_EQ(tolvar_test::runTool(TOLVARD, {"import", tables.file("large.csv"), "--db", database})
+                  .exitStatus,
+              0);
+    tolvar_test::writeFile(old, "what was there");
+    const std::uint64_t room = disk.freeBytes();
+    const ToolRun full = tolvar_test::runTool(TOLVARD, {"export", old, "--db", database});
+    EXPECT_EQ(full.exitStatus, 2);
+    EXPECT_THAT(full.err, HasSubstr(old + ": cannot be written: No space left on device"));
+    EXPECT_EQ(tolvar_test::readFile(old), "what was there");
+    EXPECT_EQ(disk.freeBytes(), room);
+  });
+}
+
 TEST_F(FullDisk, AServiceThatCannotStartSaysWhy) {
   onDisk([&](const SmallDisk& disk) {
     ASSERT_EQ(import(disk, "small.csv").exitStatus, 0);

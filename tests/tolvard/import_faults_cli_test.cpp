@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <thread>
@@ -17,6 +18,7 @@ extern char** environ;
 
 namespace {
 
+using testing::AllOf;
 using testing::AnyOf;
 using testing::HasSubstr;
 using tolvar_test::ToolRun;
@@ -101,6 +103,20 @@ TEST_F(ImportFaults, WithoutSpaceTheOldVersionStays) {
   EXPECT_EQ(run({"import", big}).exitStatus, 0);
 }
 
+TEST_F(ImportFaults, AnExportThatFindsNoSpaceLeavesTheOldFile) {
+  ASSERT_EQ(run({"import", file("big.csv", manyRows(20000, "One"))}).exitStatus, 0);
+  const std::string old = file("out.csv", "what was there");
+  const ToolRun full = tolvar_test::runTool(
+      "/bin/sh",
+      {"-c", "ulimit -f 512; exec \"$0\" export \"$1\" --db \"$2\"", TOLVARD, old, database()});
+  EXPECT_EQ(full.exitStatus, 2) << full.out;
+  EXPECT_THAT(full.err, HasSubstr(old + ": cannot be written: File too large"));
+  EXPECT_EQ(tolvar_test::readFile(old), "what was there");
+  for (const auto& entry : std::filesystem::directory_iterator(directory.path()))
+    EXPECT_THAT(entry.path().filename(),
+                AnyOf("big.csv", "out.csv", "t.db", "t.db-wal", "t.db-shm"));
+}
+
 TEST_F(ImportFaults, GarbageInPlaceOfTheDatabaseIsLeftAlone) {
   const std::string garbage(100000, '\x5a');
   tolvar_test::writeFile(database(), garbage);
@@ -108,7 +124,6 @@ TEST_F(ImportFaults, GarbageInPlaceOfTheDatabaseIsLeftAlone) {
        std::vector<std::vector<std::string>>{{"import", TOLVAR_SAMPLE},
                                              {"import", "--force", TOLVAR_SAMPLE},
                                              {"versions"},
-                                             {"check"},
                                              {"rollback", "1"},
                                              {"conf", "get"},
                                              {"usage"},
@@ -117,7 +132,25 @@ TEST_F(ImportFaults, GarbageInPlaceOfTheDatabaseIsLeftAlone) {
     EXPECT_EQ(result.exitStatus, 2) << command[0];
     EXPECT_THAT(result.err, HasSubstr("no database")) << command[0];
   }
+  // What the others fail of is what a check looks for.
+  const ToolRun check = run({"check"});
+  EXPECT_EQ(check.exitStatus, 1);
+  EXPECT_THAT(check.out, AllOf(HasSubstr("no database"), HasSubstr("backup")));
   EXPECT_EQ(tolvar_test::readFile(database()), garbage);
+}
+
+TEST_F(ImportFaults, ACheckFindsThatTheFileWasCutOff) {
+  ASSERT_EQ(run({"import", TOLVAR_SAMPLE}).exitStatus, 0);
+  const std::string whole = tolvar_test::readFile(database());
+  for (const std::size_t size : {std::size_t{50}, std::size_t{4096}, whole.size() - 4096}) {
+    tolvar_test::writeFile(database(), whole.substr(0, size));
+    const ToolRun check = run({"check"});
+    EXPECT_EQ(check.exitStatus, 1) << size;
+    EXPECT_THAT(check.out, HasSubstr("damaged")) << size;
+    const auto found = nlohmann::json::parse(run({"check", "--json"}).out, nullptr, false);
+    EXPECT_EQ(found["intact"], false) << size;
+    EXPECT_EQ(found["faults"].size(), 1u) << size;
+  }
 }
 
 TEST_F(ImportFaults, DamageAnywhereIsFoundAndNeverExported) {
@@ -131,7 +164,6 @@ TEST_F(ImportFaults, DamageAnywhereIsFoundAndNeverExported) {
     for (std::size_t i = begin; i < begin + 3000; ++i) bytes[i] = '\x33';
     tolvar_test::writeFile(database(), bytes);
     const ToolRun check = run({"check"});
-    EXPECT_NE(check.exitStatus, -1) << eighth;
     if (check.exitStatus != 0) ++found;
     // Damage in a page that nothing uses is none.
     const ToolRun after = run({"export"});
@@ -139,10 +171,21 @@ TEST_F(ImportFaults, DamageAnywhereIsFoundAndNeverExported) {
     if (check.exitStatus == 0) {
       EXPECT_EQ(after.out, exported) << eighth;
     } else {
-      EXPECT_THAT(check.exitStatus == 1 ? check.out : check.err, HasSubstr("backup")) << eighth;
+      EXPECT_EQ(check.exitStatus, 1) << eighth;
+      EXPECT_THAT(check.out, HasSubstr("backup")) << eighth;
     }
   }
   EXPECT_GE(found, 4);
+}
+
+TEST_F(ImportFaults, AFileThatIsTooLargeIsRefusedBeforeItIsRead) {
+  const std::string large = file("large.csv", "# a comment that does not end");
+  std::filesystem::resize_file(large, std::uintmax_t{3} << 30);  // takes no space
+  const ToolRun result = tolvar_test::runTool(
+      "/bin/sh",
+      {"-c", "ulimit -t 5; exec \"$0\" import \"$1\" --db \"$2\"", TOLVARD, large, database()});
+  EXPECT_EQ(result.exitStatus, 2);
+  EXPECT_THAT(result.err, HasSubstr("is larger than 1073741824 bytes"));
 }
 
 TEST_F(ImportFaults, ImportsAtOnceDoNotMix) {

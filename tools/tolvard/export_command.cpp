@@ -1,47 +1,21 @@
 #include "tools/tolvard/export_command.h"
 
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
-#include <system_error>
 
 #include "service/csv_exporter.h"
+#include "tools/tolvard/output_file.h"
 #include "tools/tolvard/text_output.h"
 
 namespace tolvar::tools {
-namespace {
 
 using service::TableStore;
-
-/// Replaces the file in one step.
-void writeWhole(const std::string& path, const std::string& text) {
-  const std::string temporary = path + "." + std::to_string(getpid()) + ".new";
-  errno = 0;
-  std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-  file << text;
-  file.close();
-  std::error_code error;
-  if (!file) {
-    error = std::error_code(errno, std::generic_category());
-  } else {
-    std::filesystem::rename(temporary, path, error);
-  }
-  if (!error) return;
-  std::error_code ignored;
-  std::filesystem::remove(temporary, ignored);
-  throw std::runtime_error(path + ": cannot be written: " + error.message());
-}
-
-}  // namespace
 
 void ExportCommand::declare(CLI::App& app) {
   app.add_option("FILE", _file, "Where to write (default: standard output)");
   _store.declare(app);
   app.add_option("--version", _version, "The version to write (default: the one served)")
+      ->check(versionNumberFault)
       ->type_name("N");
   app.add_option("--codes", _codes,
                  "Country names and numbers, the JSON file of the package iso-codes")
@@ -68,10 +42,15 @@ std::string ExportCommand::text() const {
 }
 
 ExitStatus ExportCommand::run() const {
-  if (_file == "-")
+  if (_file == "-") {
     print(text());
-  else
-    writeWhole(_file, text());
+    return kExitDone;
+  }
+  if (_store.covers(_file)) {
+    throw std::runtime_error(_file + ": belongs to the database " + _store.path +
+                             ", which an export must not overwrite; name another file");
+  }
+  writeFile(_file, text());
   return kExitDone;
 }
 

@@ -11,7 +11,7 @@
 namespace tolvar::tools {
 
 /// `tolvard export`: writes a version as CSV that imports to the same. Throws std::exception; a
-/// file that stood there stays then.
+/// file that stood there stays then (see output_file.h).
 class ExportCommand {
  public:
   void declare(CLI::App& app);

@@ -76,10 +76,15 @@ void ImportCommand::readStore() {
   _options.ids = store.ids();
 }
 
+/// Reads the file once, because what comes through a pipe does not come twice.
 void ImportCommand::readFile() {
   _options.isoCountriesPath = _codes;
-  _foreignIds = service::mergeIds(_options.ids, service::exportedIdsOf(_file));
-  _imported = service::importTable(_file, _options);
+  const auto source = service::TextSource::load(_file, service::kMaxImportBytes);
+  _foreignIds = service::mergeIds(_options.ids, service::exportedIds(source));
+  _imported = service::importTable(source, _options);
+}
+
+void ImportCommand::makeTable() {
   _table.emplace(std::move(_imported.table), 1);
   checkWire();
   _comparison = service::compareImport(_servedTable.get(), *_table);
@@ -186,6 +191,7 @@ void ImportCommand::printRefusal() const {
 ExitStatus ImportCommand::run() {
   readStore();
   readFile();
+  makeTable();
   if (!_comparison.isSafe() && !_force) return report(Outcome::Refused, std::nullopt);
   if (_comparison.isSame() && !_force) return report(Outcome::Unchanged, _served);
   if (_dryRun) return report(Outcome::Importable, std::nullopt);

@@ -26,6 +26,7 @@ class ImportCommand {
  private:
   void readStore();
   void readFile();
+  void makeTable();
   void checkWire() const;
   std::optional<service::StoredVersion> store();
   std::vector<std::string> warnings() const;

@@ -66,7 +66,19 @@ void CheckCommand::declare(CLI::App& app) {
 }
 
 ExitStatus CheckCommand::run() const {
-  const TableStore store = _store.open(TableStore::Mode::ReadOnly);
+  try {
+    return report(_store.open(TableStore::Mode::ReadOnly));
+  } catch (const service::StoreDamage& damage) {
+    // Too damaged to be opened; the text says what to do.
+    if (_json)
+      printJson({{"intact", false}, {"faults", nlohmann::json::array({damage.what()})}});
+    else
+      print(printable(damage.what()) + "\n");
+    return kExitNo;
+  }
+}
+
+ExitStatus CheckCommand::report(const TableStore& store) const {
   const std::vector<std::string> faults = store.check();
   const std::size_t versions = faults.empty() ? store.versions().size() : 0;
   if (_json) {
@@ -84,7 +96,9 @@ ExitStatus CheckCommand::run() const {
 
 void UsageCommand::declare(CLI::App& app) {
   _store.declare(app);
-  app.add_option("--top", _top, "Names and lines to show (default: 20)")->type_name("N");
+  app.add_option("--top", _top, "Names and lines to show (default: 20)")
+      ->check(CLI::Range(0, 1000000))
+      ->type_name("N");
   app.add_flag("--json", _json, "Print everything as JSON");
 }
 

@@ -7,14 +7,16 @@
 
 namespace tolvar::tools {
 
-/// `tolvard check`: looks for damage in the whole file. Throws std::exception when the file cannot
-/// be opened.
+/// `tolvard check`: looks for damage in the whole file. Throws std::exception when the file is not
+/// there, cannot be read or belongs to another program.
 class CheckCommand {
  public:
   void declare(CLI::App& app);
   ExitStatus run() const;
 
  private:
+  ExitStatus report(const service::TableStore& store) const;
+
   StoreOption _store;
   bool _json = false;
 };

@@ -51,7 +51,8 @@ ExitStatus VersionsCommand::run() const {
 
 void RollbackCommand::declare(CLI::App& app) {
   app.add_option("VERSION", _version, "Number of the version, as `tolvard versions` shows it")
-      ->required();
+      ->required()
+      ->check(versionNumberFault);
   _store.declare(app);
   app.add_flag("--json", _json, "Print the new version as JSON");
 }
