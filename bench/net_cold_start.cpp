@@ -16,8 +16,9 @@
 #include "bench/support/host.h"
 #include "tolvar.pb.h"
 #include "tools/tolvar/private_run.h"
+#include "transport/grpc/bytes_call.h"
 #include "transport/grpc/channel_factory.h"
-#include "transport/grpc/page_call.h"
+#include "transport/grpc/page_request.h"
 
 namespace tolvar_bench {
 namespace {
@@ -50,8 +51,8 @@ std::vector<ByteBuffer> fetchBytes(const NetTarget& target, const std::vector<Pa
   std::vector<ByteBuffer> pages;
   for (const PageQuery& query : queries) {
     grpc::ClientContext context;
-    if (!tolvar::callForPage(channel, tolvar::kFirstDownloadPageMethod, context,
-                             tolvar::pageRequest(query), pages.emplace_back())
+    if (!tolvar::callForBytes(channel, tolvar::kFirstDownloadPageMethod, context,
+                              tolvar::pageRequest(query), pages.emplace_back())
              .ok())
       throw std::runtime_error("a page cannot be fetched");
   }

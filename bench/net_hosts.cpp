@@ -13,7 +13,7 @@
 #include "bench/net_process.h"
 #include "tolvar.grpc.pb.h"
 #include "transport/grpc/channel_factory.h"
-#include "transport/grpc/page_call.h"
+#include "transport/grpc/page_request.h"
 
 namespace tolvar_bench {
 namespace {

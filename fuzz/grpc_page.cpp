@@ -8,6 +8,7 @@
 
 #include "fuzz/require.h"
 #include "tolvar.pb.h"
+#include "transport/grpc/message_parser.h"
 #include "transport/grpc/page_bytes.h"
 #include "transport/grpc/page_codec.h"
 
@@ -38,12 +39,32 @@ std::optional<downloadInfo> decoded(const Source& source, const PageQuery& query
   return info;
 }
 
+/// Whether a page may hold what these bytes hold. Whatever a parser accepts can be walked.
+bool isBounded(std::span<const std::uint8_t> bytes, bool isMessage) {
+  try {
+    const bool isWalked = checkFieldCounts(bytes, kLimitsOf<tolvar::v1::Page>);
+    FUZZ_REQUIRE(isWalked || !isMessage);
+    return true;
+  } catch (const WireError&) {
+    return false;
+  }
+}
+
+/// By way of a message.
+std::optional<downloadInfo> decodedMessage(std::span<const std::uint8_t> bytes,
+                                           const PageQuery& query) {
+  tolvar::v1::Page message;
+  const bool isMessage = message.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
+  if (!isBounded(bytes, isMessage) || !isMessage) return std::nullopt;
+  const auto unknown = message.GetReflection()->GetUnknownFields(message).field_count();
+  FUZZ_REQUIRE(static_cast<std::size_t>(unknown) <= kMaxOtherFields);
+  FUZZ_REQUIRE(static_cast<std::size_t>(message.place_size()) <= kMaxPageRecords);
+  return decoded(message, query);
+}
+
 void checkPage(std::span<const std::uint8_t> bytes, const PageQuery& query) {
   const auto fast = decoded(PageBytes(bytes), query);
-  tolvar::v1::Page message;
-  const auto slow = message.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))
-                        ? decoded(message, query)
-                        : std::nullopt;
+  const auto slow = decodedMessage(bytes, query);
   FUZZ_REQUIRE(fast.has_value() == slow.has_value());
   if (!fast) return;
   FUZZ_REQUIRE(samePage(*fast, *slow));

@@ -55,7 +55,7 @@ TEST(CodeCodec, RandomTablesComeBackInTheirOrder) {
     for (std::uint64_t i = random() % 100; i > 0; --i) {
       std::string name(random() % 40, '\0');
       for (char& c : name) c = static_cast<char>(random());
-      codes.push_back(code(static_cast<std::int32_t>(random() % 12) - 2,
+      codes.push_back(code(static_cast<std::int32_t>(random() % 8) + 1,
                            static_cast<std::int64_t>(random()), std::move(name)));
     }
     EXPECT_EQ(texts(roundTrip(codes)), texts(codes));
@@ -85,6 +85,34 @@ TEST(CodeCodec, LiesAreRefused) {
   Codes longName = message;
   longName.mutable_run(0)->set_content(0, std::string(tolvar::wire::kMaxNameBytes + 1, 'x'));
   EXPECT_THAT(refusal(longName), HasSubstr("has 1025 bytes"));
+}
+
+TEST(CodeCodec, RunsWithoutEntriesAreRefused) {
+  Codes message;
+  tolvar::wire::encodeCodes(tolvar_test::makeCodes(), message);
+  message.add_run()->set_code_type(8);
+  EXPECT_EQ(refusal(message), "a run of code type 8 has no entries");
+}
+
+TEST(CodeCodec, TypesThatAreNoneAreRefused) {
+  for (const std::int32_t type : {0, 9, -1}) {
+    Codes message;
+    message.set_entries(1);
+    message.add_run()->set_code_type(type);
+    message.mutable_run(0)->add_id_delta(1);
+    message.mutable_run(0)->add_content("a name");
+    EXPECT_THAT(refusal(message), HasSubstr("code type " + std::to_string(type) + " is not in"));
+    EXPECT_THROW(tolvar::wire::encodeCodes(std::vector{code(type, 1, "a name")}, message),
+                 WireError);
+  }
+}
+
+TEST(CodeCodec, EncodingRefusesMoreRunsThanAreAccepted) {
+  std::vector<CodeInfo> codes;
+  for (std::size_t i = 0; i <= tolvar::wire::kMaxCodeRuns; ++i)
+    codes.push_back(code(i % 2 == 0 ? 1 : 2, 1, ""));
+  Codes message;
+  EXPECT_THROW(tolvar::wire::encodeCodes(codes, message), WireError);
 }
 
 TEST(CodeCodec, EncodingRefusesLongNamesAndNamesTheEntry) {

@@ -4,6 +4,7 @@
 #include <grpcpp/impl/codegen/proto_utils.h>
 
 #include <set>
+#include <stop_token>
 #include <thread>
 
 #include "tests/transport_grpc/test_tables.h"
@@ -83,8 +84,16 @@ TEST(EncodedTable, TheLastPageSaysSo) {
 
 TEST(EncodedTable, EverythingCanBeEncodedAhead) {
   const EncodedTable table(tolvar_test::makeService(50001)->current());
-  table.encodeAll();
+  EXPECT_TRUE(table.encodeAll());
   EXPECT_TRUE(table.page({0, 0, 50000}).shared);
+}
+
+TEST(EncodedTable, EncodingAheadEndsWhenItIsToldTo) {
+  const EncodedTable table(tolvar_test::makeService(50001)->current());
+  std::stop_source stop;
+  stop.request_stop();
+  EXPECT_FALSE(table.encodeAll(stop.get_token()));
+  EXPECT_TRUE(table.page({0, 0, 50000}).shared);  // when asked for, as ever
 }
 
 TEST(EncodedTableCache, KeepsTheCurrentVersionAndFollowsTheNext) {
@@ -100,6 +109,18 @@ TEST(EncodedTableCache, KeepsTheCurrentVersionAndFollowsTheNext) {
   EXPECT_NE(cache.of(first->version()),
             second);  // a call that began earlier gets what it asked for
   EXPECT_EQ(cache.of(service->current()), second);
+}
+
+TEST(EncodedTableCache, KeepsNothingOfAVersionThatWasNotPreparedToTheEnd) {
+  const auto version = tolvar_test::makeService(10)->current();
+  const long before = version.use_count();
+  tolvar::EncodedTableCache cache;
+  std::stop_source stop;
+  stop.request_stop();
+  cache.prepare(version, stop.get_token());
+  EXPECT_EQ(version.use_count(), before);
+  cache.prepare(version);
+  EXPECT_GT(version.use_count(), before);
 }
 
 }  // namespace

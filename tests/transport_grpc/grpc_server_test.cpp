@@ -169,6 +169,33 @@ TEST(GrpcServer, OversizedRequestsAreRefused) {
   EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
 }
 
+TEST(GrpcServer, CompressedRequestsAreRefused) {
+  GrpcServer server(tolvar_test::makeService(10), onLoopback());
+  v1::TolvarObj::Stub stub(channelTo(server));
+  for (const auto algorithm : {GRPC_COMPRESS_GZIP, GRPC_COMPRESS_DEFLATE}) {
+    grpc::ClientContext context;
+    context.set_compression_algorithm(algorithm);
+    v1::ReportLinesRequest request;
+    request.add_lines(std::string(8000, 'x'));
+    v1::ReportAnswer answer;
+    const grpc::Status status = stub.ReportLines(&context, request, &answer);
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::UNIMPLEMENTED);
+    EXPECT_THAT(status.error_message(), HasSubstr("is disabled"));
+  }
+}
+
+TEST(GrpcServer, LetsGoOfAnOldVersionWithoutACall) {
+  const auto service = tolvar_test::makeService(10);
+  GrpcServer server(service, onLoopback());
+  server.prepare(service->current());
+  server.dropOldVersions();
+  const std::weak_ptr<const tolvar::service::TableVersion> old = service->current();
+  server.prepare(service->publish({tolvar_test::makeRanges(11), tolvar_test::makeCodes()}));
+  EXPECT_FALSE(old.expired());  // a call that began before may still want it
+  server.dropOldVersions();
+  EXPECT_TRUE(old.expired());
+}
+
 TEST(GrpcServer, HealthAndReflectionAnswer) {
   GrpcServer server(tolvar_test::makeService(10), onLoopback());
   const auto channel = channelTo(server);

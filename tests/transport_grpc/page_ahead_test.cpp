@@ -12,7 +12,7 @@
 #include "tests/transport_grpc/scripted_server.h"
 #include "transport/grpc/grpc_communicator.h"
 #include "transport/grpc/page_ahead.h"
-#include "transport/grpc/page_call.h"
+#include "transport/grpc/page_request.h"
 
 namespace {
 

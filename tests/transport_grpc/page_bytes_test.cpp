@@ -7,6 +7,7 @@
 
 #include "tests/transport_grpc/test_tables.h"
 #include "tolvar.pb.h"
+#include "transport/grpc/message_parser.h"
 #include "transport/grpc/page_codec.h"
 #include "transport/grpc/plain_page.h"
 
@@ -40,11 +41,11 @@ std::string outcome(const std::function<void(ravel::downloadInfo&)>& decode) {
   return text;
 }
 
-/// By way of the generated parser.
+/// By way of the generated parser, where the bytes hold no more than a page may.
 std::string parsedOutcome(const std::string& bytes, const PageQuery& query) {
   return outcome([&](ravel::downloadInfo& info) {
     Page message;
-    if (!message.ParseFromString(bytes)) throw WireError("it is not a page");
+    tolvar::wire::parseBounded(bytesOf(bytes).bytes(), message);
     tolvar::wire::decodePage(message, query, info);
   });
 }
@@ -263,8 +264,9 @@ TEST(PageBytes, OtherFormsOfTheSamePageAreUnderstood) {
 }
 
 TEST(PageBytes, GarbageIsRefusedWithAReason) {
-  EXPECT_EQ(directOutcome("\xff\xff\xff\xff", {0, 0, 10}), "refused: it is not a page");
-  EXPECT_EQ(directOutcome(std::string(1000, '\0'), {0, 0, 10}), "refused: it is not a page");
+  EXPECT_EQ(directOutcome("\xff\xff\xff\xff", {0, 0, 10}), "refused: it is not a tolvar.v1.Page");
+  EXPECT_EQ(directOutcome(std::string(1000, '\0'), {0, 0, 10}),
+            "refused: it is not a tolvar.v1.Page");
 }
 
 TEST(PageBytes, PiecesOfAReceivedMessageAreJoined) {

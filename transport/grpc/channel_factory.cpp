@@ -31,6 +31,9 @@ std::shared_ptr<grpc::Channel> makeChannel(
     const GrpcOptions& options) {
   grpc::ChannelArguments arguments;
   arguments.SetMaxReceiveMessageSize(options.maxReceiveBytes);
+  // A compressed message would be unpacked whole before its size is checked.
+  arguments.SetInt(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
+  arguments.SetInt(GRPC_COMPRESSION_CHANNEL_ENABLED_ALGORITHMS_BITSET, 1 << GRPC_COMPRESS_NONE);
   arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, kFirstBackoffMillis);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, kMaxBackoffMillis);
   // Despite its name this bounds one attempt to connect.

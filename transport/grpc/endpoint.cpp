@@ -1,5 +1,7 @@
 #include "transport/grpc/endpoint.h"
 
+#include <utility>
+
 namespace tolvar {
 namespace {
 
@@ -14,9 +16,7 @@ constexpr milliseconds kHastenEvery{500};
 }  // namespace
 
 Endpoint::Endpoint(std::string address, std::shared_ptr<grpc::Channel> channel)
-    : _address(std::move(address)),
-      _channel(std::move(channel)),
-      _main(v1::TolvarObj::NewStub(_channel)) {}
+    : _address(std::move(address)), _channel(std::move(channel)) {}
 
 bool Endpoint::isReady() const { return _channel->GetState(false) == GRPC_CHANNEL_READY; }
 

@@ -7,8 +7,6 @@
 #include <mutex>
 #include <string>
 
-#include "tolvar.grpc.pb.h"
-
 namespace tolvar {
 
 /// One server of the service: its address, its connection, and what is known of its health.
@@ -21,7 +19,6 @@ class Endpoint {
 
   const std::string& address() const noexcept { return _address; }
   const std::shared_ptr<grpc::Channel>& channel() const noexcept { return _channel; }
-  v1::TolvarObj::StubInterface& main() noexcept { return *_main; }
 
   bool isReady() const;
 
@@ -43,7 +40,6 @@ class Endpoint {
  private:
   const std::string _address;
   const std::shared_ptr<grpc::Channel> _channel;
-  const std::unique_ptr<v1::TolvarObj::StubInterface> _main;
 
   mutable std::mutex _mutex;
   // Guarded by _mutex.

@@ -4,7 +4,7 @@
 #include "transport/grpc/channel_factory.h"
 #include "transport/grpc/endpoint_set.h"
 #include "transport/grpc/grpc_proxies.h"
-#include "transport/grpc/page_call.h"
+#include "transport/grpc/page_request.h"
 #include "transport/grpc/tls_files.h"
 
 namespace tolvar {

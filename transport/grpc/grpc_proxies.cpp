@@ -4,8 +4,12 @@
 #include <random>
 
 #include "platform/exception.h"
-#include "transport/grpc/page_call.h"
+#include "tolvar.pb.h"
+#include "transport/grpc/bytes_call.h"
+#include "transport/grpc/message_parser.h"
+#include "transport/grpc/page_bytes.h"
 #include "transport/grpc/page_codec.h"
+#include "transport/grpc/page_request.h"
 #include "transport/grpc/plain_page.h"
 #include "transport/grpc/record_codec.h"
 
@@ -13,6 +17,12 @@ namespace tolvar {
 namespace {
 
 using ravel::CallContext;
+
+constexpr const char* kGetConfMethod = "/tolvar.v1.TolvarObj/GetConf";
+constexpr const char* kCheckChangeMethod = "/tolvar.v1.TolvarObj/CheckChange";
+constexpr const char* kDownloadCodesMethod = "/tolvar.v1.TolvarObj/DownloadCodes";
+constexpr const char* kReportCountsMethod = "/tolvar.v1.TolvarObj/ReportCounts";
+constexpr const char* kReportLinesMethod = "/tolvar.v1.TolvarObj/ReportLines";
 
 /// Encodes a request; what cannot be told on the wire is the caller's failed call.
 template <class Encode>
@@ -25,6 +35,17 @@ void encodeFor(const char* operation, Encode encode) {
   }
 }
 
+/// Calls `method` of the main object on `server`. An answer that could fill the memory is refused
+/// before it is parsed.
+template <class Answer>
+grpc::Status callMain(const Endpoint& server, const char* method, grpc::ClientContext& call,
+                      const google::protobuf::MessageLite& request, Answer& answer) {
+  grpc::ByteBuffer received;
+  const grpc::Status status = callForBytes(server.channel(), method, call, request, received);
+  if (status.ok()) wire::parseBounded(wire::PageBytes(received).bytes(), answer);
+  return status;
+}
+
 /// The answer of `server` to `query` as bytes: the page that was asked for ahead, if it is this
 /// one.
 grpc::Status fetchBytes(const GrpcTarget& target, Endpoint& server, grpc::ClientContext& call,
@@ -33,7 +54,7 @@ grpc::Status fetchBytes(const GrpcTarget& target, Endpoint& server, grpc::Client
   if (bytes) return grpc::Status::OK;
   grpc::ByteBuffer answer;
   const grpc::Status status =
-      callForPage(server.channel(), target.ahead->method(), call, pageRequest(query), answer);
+      callForBytes(server.channel(), target.ahead->method(), call, pageRequest(query), answer);
   if (status.ok()) bytes.emplace(answer);
   return status;
 }
@@ -120,7 +141,8 @@ int GrpcTolvarProxy::getConf(ravel::ClientConf& conf, const CallContext& context
   _target.call({"getConf", _target.core->options.checkDeadline, true}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
                  v1::ClientConf answer;
-                 const grpc::Status status = server.main().GetConf(&call, {}, &answer);
+                 const grpc::Status status =
+                     callMain(server, kGetConfMethod, call, v1::GetConfRequest(), answer);
                  if (status.ok()) wire::decodeConf(answer, conf);
                  return status;
                });
@@ -134,7 +156,8 @@ int GrpcTolvarProxy::checkChangeAdv(const ravel::CheckReq& req, ravel::CheckInfo
   _target.call({"checkChangeAdv", _target.core->options.checkDeadline, true}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
                  v1::CheckAnswer answer;
-                 const grpc::Status status = server.main().CheckChange(&call, request, &answer);
+                 const grpc::Status status =
+                     callMain(server, kCheckChangeMethod, call, request, answer);
                  if (status.ok()) wire::decodeCheckInfo(answer, info);
                  return status;
                });
@@ -153,7 +176,8 @@ int GrpcTolvarProxy::totalDownloadCode(std::vector<ravel::CodeInfo>& codes,
   _target.call({"totalDownloadCode", _target.core->options.pageDeadline, true}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
                  v1::Codes answer;
-                 const grpc::Status status = server.main().DownloadCodes(&call, {}, &answer);
+                 const grpc::Status status = callMain(server, kDownloadCodesMethod, call,
+                                                      v1::DownloadCodesRequest(), answer);
                  if (status.ok()) wire::decodeCodes(answer, codes);
                  return status;
                });
@@ -168,7 +192,7 @@ int GrpcTolvarProxy::reportCounts(const std::vector<ravel::ReportCount>& counts,
   _target.call({"reportCounts", _target.core->options.checkDeadline, false}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
                  v1::ReportAnswer answer;
-                 return server.main().ReportCounts(&call, request, &answer);
+                 return callMain(server, kReportCountsMethod, call, request, answer);
                });
   return 0;
 }
@@ -180,7 +204,7 @@ int GrpcTolvarProxy::reportLines(const std::vector<std::string>& lines, std::uin
   _target.call({"reportLines", _target.core->options.checkDeadline, false}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
                  v1::ReportAnswer answer;
-                 return server.main().ReportLines(&call, request, &answer);
+                 return callMain(server, kReportLinesMethod, call, request, answer);
                });
   return 0;
 }

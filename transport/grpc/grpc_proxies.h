@@ -25,7 +25,7 @@ struct GrpcCore {
 
 /// The servers that a proxy calls, and the family that its calls belong to.
 struct GrpcTarget {
-  /// A new family. `pageMethod` is the one of page_call.h that these servers answer pages with.
+  /// A new family. `pageMethod` is the one of page_request.h that these servers answer pages with.
   GrpcTarget(std::shared_ptr<GrpcCore> sharedCore, std::shared_ptr<const EndpointSet> allServers,
              const char* pageMethod);
 

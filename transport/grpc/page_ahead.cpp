@@ -6,7 +6,8 @@
 #include <utility>
 
 #include "tolvar.pb.h"
-#include "transport/grpc/page_call.h"
+#include "transport/grpc/bytes_call.h"
+#include "transport/grpc/page_request.h"
 
 namespace tolvar {
 
@@ -28,7 +29,7 @@ struct PageAhead::Fetch {
   }
 
   void send(const char* method) {
-    call = std::make_unique<PageCall>(channel, method, context, pageRequest(query));
+    call = std::make_unique<BytesCall>(channel, method, context, pageRequest(query));
   }
 
   bool answers(const Endpoint& server, const wire::PageQuery& other) const {
@@ -50,7 +51,7 @@ struct PageAhead::Fetch {
   const steady_clock::time_point until;
   grpc::ClientContext context;
   CallRegistry::Call registration;  // behind the context, which it may cancel until it goes
-  std::unique_ptr<PageCall> call;
+  std::unique_ptr<BytesCall> call;
   std::optional<wire::PageBytes> bytes;
   State state = State::Sent;
 };

@@ -30,7 +30,7 @@ class PageAhead {
   static constexpr std::chrono::seconds kIdleTime{1};
 
   /// Its calls belong to `family` and end with it. `registry` outlives it. `method` is one of
-  /// page_call.h, a literal. `idleTime` 0 lets the thread end as soon as it has read a page.
+  /// page_request.h, a literal. `idleTime` 0 lets the thread end as soon as it has read a page.
   PageAhead(CallRegistry& registry, CallRegistry::Family family, const char* method,
             std::chrono::milliseconds idleTime = kIdleTime);
   /// Cancels what is under way and waits for the thread's end.

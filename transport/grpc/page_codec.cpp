@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tolvar.pb.h"
+#include "transport/grpc/message_parser.h"
 #include "transport/grpc/plain_page.h"
 
 namespace tolvar::wire {
@@ -214,13 +215,20 @@ void decodePage(const v1::Page& page, const PageQuery& query, ravel::downloadInf
 
 void decodePage(const PageBytes& page, const PageQuery& query, ravel::downloadInfo& info) {
   if (decodePlainPage(page, query, info)) return;
-  const std::span<const std::uint8_t> bytes = page.bytes();
   v1::Page message;
-  if (bytes.size() > std::numeric_limits<int>::max() ||
-      !message.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())))
-    throw WireError("it is not a page");
+  parseBounded(page.bytes(), message);
   decodePage(message, query, info);
 }
+
+namespace {
+
+void checkCodeType(std::int32_t type) {
+  if (type < kFirstCodeType || type > kLastCodeType)
+    throw WireError("code type " + std::to_string(type) + " is not in " +
+                    std::to_string(kFirstCodeType) + " to " + std::to_string(kLastCodeType));
+}
+
+}  // namespace
 
 void encodeCodes(std::span<const ravel::CodeInfo> codes, v1::Codes& message) {
   if (codes.size() > kMaxCodeEntries)
@@ -237,6 +245,10 @@ void encodeCodes(std::span<const ravel::CodeInfo> codes, v1::Codes& message) {
                       std::to_string(code.content.size()) + " bytes, at most " +
                       std::to_string(kMaxNameBytes) + " can be sent");
     if (run == nullptr || run->code_type() != code.codeType) {
+      checkCodeType(code.codeType);
+      if (static_cast<std::size_t>(message.run_size()) == kMaxCodeRuns)
+        throw WireError("the entries change their type more than " + std::to_string(kMaxCodeRuns) +
+                        " times");
       run = message.add_run();
       run->set_code_type(code.codeType);
       last = 0;
@@ -254,6 +266,9 @@ namespace {
 void checkCodes(const v1::Codes& message) {
   std::size_t total = 0;
   for (const v1::CodeRun& run : message.run()) {
+    checkCodeType(run.code_type());
+    if (run.id_delta_size() == 0 && run.content_size() == 0)
+      throw WireError("a run of code type " + std::to_string(run.code_type()) + " has no entries");
     if (run.id_delta_size() != run.content_size())
       throw WireError("a run of code type " + std::to_string(run.code_type()) + " has " +
                       std::to_string(run.id_delta_size()) + " ids and " +

@@ -54,15 +54,17 @@ void encodePage(const PageHead& head, std::span<const ravel::IPProperty> ranges,
 void decodePage(const v1::Page& page, const PageQuery& query, ravel::downloadInfo& info);
 
 /// The same from the bytes of a page, several times as fast. Throws WireError also when they are
-/// not a Page.
+/// not a Page or hold more than one may (message_limits.h).
 void decodePage(const PageBytes& page, const PageQuery& query, ravel::downloadInfo& info);
 
 /// Fills `message` with `codes`, order kept. Throws WireError when there are more than
-/// kMaxCodeEntries or a name is longer than kMaxNameBytes.
+/// kMaxCodeEntries or kMaxCodeRuns, a name is longer than kMaxNameBytes, or a type is none of the
+/// contract's.
 void encodeCodes(std::span<const ravel::CodeInfo> codes, v1::Codes& message);
 
 /// Fills `codes`. Throws WireError, with `codes` unspecified, when the runs do not add up to the
-/// total, have unequal numbers of ids and names, or pass the bounds above.
+/// total, have no entries or unequal numbers of ids and names, a type is none of the contract's, or
+/// the bounds above are passed.
 void decodeCodes(const v1::Codes& message, std::vector<ravel::CodeInfo>& codes);
 
 }  // namespace tolvar::wire

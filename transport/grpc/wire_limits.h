@@ -16,6 +16,14 @@ inline constexpr std::uint32_t kMaxPageRecords = 262144;
 /// Most entries of all code tables together.
 inline constexpr std::size_t kMaxCodeEntries = 1048576;
 
+/// Most runs of all code tables together. Eight are enough for entries in the order of their types,
+/// the way services of this project send them; each takes a receiver far more than its nine bytes.
+inline constexpr std::size_t kMaxCodeRuns = 65536;
+
+/// Code types of the contract.
+inline constexpr std::int32_t kFirstCodeType = 1;
+inline constexpr std::int32_t kLastCodeType = 8;
+
 /// Longest name of a code entry, a city or a report, in bytes.
 inline constexpr std::size_t kMaxNameBytes = 1024;
 
@@ -31,6 +39,15 @@ inline constexpr std::size_t kMaxReportCounts = 131072;
 /// Most lines of one delivery, and the longest of them in bytes.
 inline constexpr std::size_t kMaxReportLines = 131072;
 inline constexpr std::size_t kMaxReportLineBytes = 8192;
+
+/// Most fields of a message that are not repeated, and of those that only a newer contract knows: a
+/// receiver keeps these, in far more memory than they took on the wire. The contract has six at
+/// most.
+inline constexpr std::size_t kMaxOtherFields = 1024;
+
+/// As many more for each run of codes and each count of a delivery that there may be, on average.
+/// The contract has three at most.
+inline constexpr std::size_t kMaxFieldsOfElement = 4;
 
 /// Largest request a server accepts by default, in bytes.
 inline constexpr int kMaxRequestBytes = 8388608;

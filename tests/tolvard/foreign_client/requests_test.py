@@ -1,6 +1,7 @@
 """Requests that nobody should send."""
 
 import random
+import threading
 import unittest
 
 import grpc
@@ -9,6 +10,7 @@ from service import LIMIT, METHODS, ServiceTest
 
 INVALID = grpc.StatusCode.INVALID_ARGUMENT
 REFLECTION = "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo"
+MEGABYTE = 1 << 20
 HEALTH = "/grpc.health.v1.Health/Check"
 
 
@@ -40,6 +42,38 @@ class Requests(ServiceTest):
         for call in calls:
             self.assertIn(call.code(), (grpc.StatusCode.OK, INVALID))
         self.assert_served()
+
+    def test_messages_of_empty_elements_are_refused_before_they_are_parsed(self):
+        client = self.client()
+        self.assert_served()
+        self.service.reset_peak()
+        before = self.service.memory("VmHWM")
+        unknown = b"\x7a\x00" * (4 << 20)
+        entries = b"\x0a\x00" * (4 << 20)
+        for name, request in (
+            ("ReportLines", entries),
+            ("ReportCounts", entries),
+            ("ReportCounts", b"\x0a\xfa\xff\xff\x03" + unknown[:0x7FFFFA]),
+            *((name, unknown) for name in METHODS),
+        ):
+            self.assertEqual(client.raw_status(name, request), INVALID, name)
+        self.assert_served()
+        # Requests, more than once on their way; parsed, each would take more than this.
+        self.assertLess(self.service.memory("VmHWM") - before, 100 * MEGABYTE)
+
+    def test_compressed_requests_are_refused_before_they_are_unpacked(self):
+        client = self.client()
+        self.assert_served()
+        self.service.reset_peak()
+        before = self.service.memory("VmHWM")
+        zeros = bytes(200 * MEGABYTE)
+        for compression in (grpc.Compression.Gzip, grpc.Compression.Deflate):
+            with self.assertRaises(grpc.RpcError) as failed:
+                client.method("GetConf", raw=True)(zeros, timeout=LIMIT, compression=compression)
+            self.assertEqual(failed.exception.code(), grpc.StatusCode.UNIMPLEMENTED)
+            self.assertIn("is disabled", failed.exception.details())
+        self.assert_served()
+        self.assertLess(self.service.memory("VmHWM") - before, 40 * MEGABYTE)
 
     def test_what_is_not_served_is_unimplemented(self):
         client = self.client()
@@ -76,6 +110,22 @@ class Requests(ServiceTest):
         for name in (symbol, b"tolvar.v1.FTolvarObj", b"grpc.health.v1.Health"):
             self.assertIn(name, services)
         self.assertIn(pb.DESCRIPTOR.serialized_pb, contract)
+
+    def test_idle_reflection_streams_leave_others_reflection(self):
+        done = threading.Event()
+        self.addCleanup(done.set)
+
+        def one_question():
+            yield b"\x3a\x01*"
+            done.wait()
+
+        ask = self.client().channel.stream_stream(REFLECTION)
+        streams = [ask(one_question(), timeout=LIMIT) for _ in range(20)]
+        for stream in streams:
+            self.assertIn(b"tolvar.v1.TolvarObj", next(stream))
+        other = self.client().channel.stream_stream(REFLECTION)
+        (services,) = other(iter([b"\x3a\x01*"]), timeout=LIMIT)
+        self.assertIn(b"tolvar.v1.TolvarObj", services)
 
 
 if __name__ == "__main__":

@@ -88,6 +88,11 @@ class Tolvard:
                     return int(line.split()[1]) * 1024
         raise RuntimeError(f"there is no {field}")
 
+    def reset_peak(self):
+        """From now on, VmHWM tells the most memory since now."""
+        with open(f"/proc/{self._process.pid}/clear_refs", "w", encoding="ascii") as peak:
+            peak.write("5")
+
     @property
     def pid(self):
         return self._process.pid

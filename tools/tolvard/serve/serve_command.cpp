@@ -9,7 +9,9 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <optional>
 #include <stdexcept>
+#include <stop_token>
 
 #include "tools/tolvard/serve/event_log.h"
 #include "tools/tolvard/serve/store_follower.h"
@@ -155,6 +157,8 @@ ExitStatus ServeCommand::run() {
   const sigset_t signals = takeSignals();
   EventLog log(STDOUT_FILENO);
   const auto service = std::make_shared<service::LookupService>();
+  // Before the follower, whose thread works on the server until the follower is gone.
+  std::optional<GrpcServer> server;
   StoreFollower follower(_store.path, *service, log);
   follower.open();
   if (!service->current())
@@ -162,22 +166,25 @@ ExitStatus ServeCommand::run() {
 
   GrpcServerOptions options = serverOptions();
   if (_verbose) options.onCall = [&log](const GrpcCallRecord& call) { logCall(log, call); };
-  GrpcServer server(service, options);
-  server.setServing(service->current() != nullptr);
-  if (const auto version = service->current()) server.prepare(version);
+  server.emplace(service, options);
+  server->setServing(service->current() != nullptr);
+  if (const auto version = service->current()) server->prepare(version);
   for (std::size_t i = 0; i < _addresses.size(); ++i) {
-    log.info("listening", {{"address", _addresses[i].withPort(server.ports()[i])},
+    log.info("listening", {{"address", _addresses[i].withPort(server->ports()[i])},
                            {"tls", !options.tls          ? "off"
                                    : _tls.caFile.empty() ? "server"
                                                          : "mutual"}});
   }
-  follower.start([&server](const std::shared_ptr<const service::TableVersion>& version) {
-    server.prepare(version);
-    server.setServing(true);
-  });
+  follower.start({[&server](const auto& version, const std::stop_token& stop) {
+                    server->prepare(version, stop);
+                  },
+                  [&server] {
+                    server->dropOldVersions();
+                    server->setServing(true);
+                  }});
   {
     UsageWriter usage(_store.path, *service, log);
-    OverloadNotice overload(server, _maxDownloads, log);
+    OverloadNotice overload(*server, _maxDownloads, log);
     int signal = 0;
     while (signal != SIGTERM && signal != SIGINT) {
       if (signal == SIGHUP) follower.poke();
@@ -185,9 +192,11 @@ ExitStatus ServeCommand::run() {
       overload.look();
     }
     log.info("stopping", {{"signal", nameOf(signal)}});
-    server.setServing(false);
+    // While the calls under way come to their end, so does what the follower does.
     follower.requestStop();
-    server.shutdown(kGrace);
+    server->setServing(false);
+    server->shutdown(kGrace);
+    follower.stop();
   }
   log.info("stopped", {});
   return kExitDone;

@@ -38,10 +38,7 @@ std::int64_t nanos(const timespec& time) {
 StoreFollower::StoreFollower(std::string path, service::LookupService& service, EventLog& log)
     : _path(std::move(path)), _service(service), _log(log) {}
 
-StoreFollower::~StoreFollower() {
-  requestStop();
-  if (_thread.joinable()) _thread.join();
-}
+StoreFollower::~StoreFollower() { stop(); }
 
 void StoreFollower::open() {
   setStore(std::make_shared<TableStore>(_path, TableStore::Mode::Create));
@@ -50,8 +47,8 @@ void StoreFollower::open() {
   refresh();
 }
 
-void StoreFollower::start(Prepare prepare) {
-  _prepare = std::move(prepare);
+void StoreFollower::start(Steps steps) {
+  _steps = std::move(steps);
   _thread = std::thread([this] { run(); });
 }
 
@@ -64,23 +61,28 @@ void StoreFollower::poke() {
 }
 
 void StoreFollower::requestStop() {
-  _isStopping = true;
+  _stop.request_stop();
   if (const auto current = store()) current->interrupt();
   const std::lock_guard lock(_mutex);
   _wake.notify_one();
 }
 
+void StoreFollower::stop() {
+  requestStop();
+  if (_thread.joinable()) _thread.join();
+}
+
 void StoreFollower::run() {
   std::unique_lock lock(_mutex);
-  while (!_isStopping) {
+  while (!isStopping()) {
     _wake.wait_for(lock, std::chrono::milliseconds(kLookMillis),
-                   [this] { return _isStopping || _isPoked; });
+                   [this] { return isStopping() || _isPoked; });
     const bool isForced = std::exchange(_isPoked, false);
     lock.unlock();
     try {
-      if (!_isStopping) look(isForced);
+      if (!isStopping()) look(isForced);
     } catch (const std::exception& error) {
-      if (!_isStopping) fail(error.what());
+      if (!isStopping()) fail(error.what());
     }
     lock.lock();
   }
@@ -114,6 +116,7 @@ void StoreFollower::refresh() {
 }
 
 void StoreFollower::publish(const TableStore::LoadedVersion& loaded) {
+  if (isStopping()) return;
   std::shared_ptr<const TableVersion> table = loaded.table;
   const auto current = _service.current();
   // The file may have been put back to an older state; clients need a time stamp that rises.
@@ -121,9 +124,11 @@ void StoreFollower::publish(const TableStore::LoadedVersion& loaded) {
     table = std::make_shared<const TableVersion>(
         service::TableData{table->ranges(), table->codes()}, current->timesTamp() + 1);
   }
-  if (_prepare) _prepare(table);
+  if (_steps.prepare) _steps.prepare(table, _stop.get_token());
+  if (isStopping()) return;
   // An empty version is in the store because somebody forced it.
   _service.publish(table, service::EmptyTable::Allow);
+  if (_steps.published) _steps.published();
   _seen = loaded.stored;
   _log.info("version_served", {{"version", _seen.number},
                                {"digest", _seen.digest},

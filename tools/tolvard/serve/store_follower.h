@@ -2,12 +2,12 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -25,13 +25,20 @@ class StoreFollower {
   /// How often the file is looked at, in milliseconds.
   static constexpr int kLookMillis = 200;
 
-  /// Called with a version before it is published; what it throws keeps the version out.
-  using Prepare = std::function<void(const std::shared_ptr<const service::TableVersion>&)>;
+  /// What is done with every version, in the follower's thread.
+  struct Steps {
+    /// Before it is published; what it throws keeps the version out. May take long, and returns
+    /// soon after the token asks for it.
+    std::function<void(const std::shared_ptr<const service::TableVersion>&, const std::stop_token&)>
+        prepare;
+    /// After it was published.
+    std::function<void()> published;
+  };
 
   /// All outlive the follower.
   StoreFollower(std::string path, service::LookupService& service, EventLog& log);
 
-  /// Stops.
+  /// As `stop`.
   ~StoreFollower();
 
   StoreFollower(const StoreFollower&) = delete;
@@ -41,14 +48,18 @@ class StoreFollower {
   /// thread. Throws service::StoreError.
   void open();
 
-  /// Follows the file from now on, in a thread of its own. Called once, after open.
-  void start(Prepare prepare);
+  /// Follows the file from now on, in a thread of its own. Called once, after open. What the steps
+  /// use lives until `stop` has returned.
+  void start(Steps steps);
 
   /// Looks at once, and reads what seemed unchanged or damaged again. From any thread.
   void poke();
 
-  /// Interrupts what is under way. From any thread.
+  /// Interrupts what is under way: what is not published by now never will be. From any thread.
   void requestStop();
+
+  /// The same, and waits for the end of the thread. From any one thread but its own.
+  void stop();
 
  private:
   /// What tells two states of the file apart without reading it.
@@ -64,6 +75,7 @@ class StoreFollower {
     bool operator==(const FileState&) const = default;
   };
 
+  bool isStopping() const noexcept { return _stop.stop_requested(); }
   void run();
   void look(bool isForced);
   void refresh();
@@ -78,7 +90,7 @@ class StoreFollower {
   const std::string _path;
   service::LookupService& _service;
   EventLog& _log;
-  Prepare _prepare;
+  Steps _steps;
 
   // Used by open, then by the thread only.
   FileState _opened;             ///< when the store was opened
@@ -94,7 +106,7 @@ class StoreFollower {
   std::shared_ptr<service::TableStore> _store;
   bool _isPoked = false;
 
-  std::atomic<bool> _isStopping{false};
+  std::stop_source _stop;
   std::thread _thread;
 };
 

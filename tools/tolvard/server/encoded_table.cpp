@@ -55,9 +55,14 @@ grpc::ByteBuffer EncodedTable::codes() const {
   return _codes.bytes;
 }
 
-void EncodedTable::encodeAll() const {
-  for (std::size_t i = 0; i < _pages.size(); ++i) standardPage(i);
+bool EncodedTable::encodeAll(const std::stop_token& stop) const {
+  for (std::size_t i = 0; i < _pages.size(); ++i) {
+    if (stop.stop_requested()) return false;
+    standardPage(i);
+  }
+  if (stop.stop_requested()) return false;
   codes();
+  return true;
 }
 
 bool EncodedTable::isStandard(const service::PageSlice& slice) const noexcept {
@@ -96,9 +101,10 @@ std::shared_ptr<const EncodedTable> EncodedTableCache::of(
   return table;
 }
 
-void EncodedTableCache::prepare(const std::shared_ptr<const service::TableVersion>& version) {
+void EncodedTableCache::prepare(const std::shared_ptr<const service::TableVersion>& version,
+                                const std::stop_token& stop) {
   const auto table = std::make_shared<const EncodedTable>(version);
-  table->encodeAll();
+  if (!table->encodeAll(stop)) return;
   const std::lock_guard lock(_mutex);
   _next = table;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <vector>
 
 #include "service/table_version.h"
@@ -38,8 +39,9 @@ class EncodedTable {
   /// All code tables. Throws WireError when they cannot be told on the wire.
   grpc::ByteBuffer codes() const;
 
-  /// Encodes everything now, so that no call waits for it. Throws as `codes`.
-  void encodeAll() const;
+  /// Encodes everything now, so that no call waits for it. False when `stop` was requested before
+  /// the end: what is missing is encoded when asked for. Throws as `codes`.
+  bool encodeAll(const std::stop_token& stop = {}) const;
 
  private:
   struct Part {
@@ -65,9 +67,10 @@ class EncodedTableCache {
   std::shared_ptr<const EncodedTable> of(
       const std::shared_ptr<const service::TableVersion>& version);
 
-  /// Encodes a version that will be served soon, so that no call waits for it then. Throws as
-  /// EncodedTable::encodeAll.
-  void prepare(const std::shared_ptr<const service::TableVersion>& version);
+  /// Encodes a version that will be served soon, so that no call waits for it then; gives up when
+  /// `stop` is requested. Throws as EncodedTable::encodeAll.
+  void prepare(const std::shared_ptr<const service::TableVersion>& version,
+               const std::stop_token& stop = {});
 
  private:
   std::mutex _mutex;

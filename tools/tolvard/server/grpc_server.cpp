@@ -21,8 +21,9 @@
 namespace tolvar {
 namespace {
 
-// Threads of the synchronous side: server reflection, nothing else.
-constexpr int kReflectionThreads = 4;
+// Threads of the synchronous side: server reflection, nothing else. Each stream of it keeps one
+// while it is open; no other call needs any.
+constexpr int kReflectionThreads = 32;
 constexpr int kAgeGraceMillis = 60000;
 constexpr int kKeepaliveMillis = 60000;
 constexpr int kKeepaliveTimeoutMillis = 20000;
@@ -49,6 +50,10 @@ void limitResources(grpc::ServerBuilder& builder, const GrpcServerOptions& optio
   quota.SetMaxThreads(kReflectionThreads);
   builder.SetResourceQuota(quota);
   builder.SetMaxReceiveMessageSize(options.maxRequestBytes);
+  // A compressed message would be unpacked whole before its size is checked.
+  builder.AddChannelArgument(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
+  builder.AddChannelArgument(GRPC_COMPRESSION_CHANNEL_ENABLED_ALGORITHMS_BITSET,
+                             1 << GRPC_COMPRESS_NONE);
   using Sync = grpc::ServerBuilder::SyncServerOption;
   builder.SetSyncServerOption(Sync::NUM_CQS, 1);
   builder.SetSyncServerOption(Sync::MIN_POLLERS, 1);
@@ -192,8 +197,13 @@ std::uint64_t GrpcServer::refusedChecks() const noexcept {
   return _state->serving.refusedChecks.load(std::memory_order_relaxed);
 }
 
-void GrpcServer::prepare(const std::shared_ptr<const service::TableVersion>& version) {
-  _state->serving.tables.prepare(version);
+void GrpcServer::prepare(const std::shared_ptr<const service::TableVersion>& version,
+                         const std::stop_token& stop) {
+  _state->serving.tables.prepare(version, stop);
+}
+
+void GrpcServer::dropOldVersions() {
+  if (const auto version = _state->serving.service->current()) _state->serving.tables.of(version);
 }
 
 void GrpcServer::setServing(bool serving) { _state->setServing(serving); }

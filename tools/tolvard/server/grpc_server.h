@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -90,9 +91,15 @@ class GrpcServer {
   /// Change checks answered isNetFlow 1 because all download places were taken.
   std::uint64_t refusedChecks() const noexcept;
 
-  /// Encodes a version that will be published soon instead of with the first calls. Throws
-  /// wire::WireError when it cannot be told on the wire.
-  void prepare(const std::shared_ptr<const service::TableVersion>& version);
+  /// Encodes a version that will be published soon instead of with the first calls; gives up, a
+  /// page later at most, when `stop` is requested. Throws wire::WireError when it cannot be told on
+  /// the wire.
+  void prepare(const std::shared_ptr<const service::TableVersion>& version,
+               const std::stop_token& stop = {});
+
+  /// Lets go of the wire form of versions before the one published last. Without this, they stay
+  /// until the next call.
+  void dropOldVersions();
 
   /// What the health service answers for the server and its objects; true from the start.
   void setServing(bool serving);

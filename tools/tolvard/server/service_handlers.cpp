@@ -9,6 +9,8 @@
 
 #include "tolvar.grpc.pb.h"
 #include "transport/grpc/call_runner.h"
+#include "transport/grpc/message_parser.h"
+#include "transport/grpc/page_bytes.h"
 #include "transport/grpc/record_codec.h"
 
 namespace tolvar {
@@ -75,13 +77,15 @@ auto decoded(Decode decode) {
   }
 }
 
+/// The request, unless it holds more than one may. Parsed here and not by gRPC, which would answer
+/// bytes that are no message as if the method did not exist.
 template <class Message>
 Message parsed(const ByteBuffer& bytes) {
-  Message message;
-  ByteBuffer copy(bytes);
-  if (!grpc::SerializationTraits<Message>::Deserialize(&copy, &message).ok())
-    throw std::invalid_argument("the request is not a " + std::string(message.GetTypeName()));
-  return message;
+  return decoded([&] {
+    Message message;
+    wire::parseBounded(wire::PageBytes(bytes).bytes(), message);
+    return message;
+  });
 }
 
 /// Times a call and tells the observer, if there is one.
@@ -115,8 +119,7 @@ ByteBuffer serialized(const Message& message) {
   return bytes;
 }
 
-/// A call whose messages are small. Requests are parsed here and not by gRPC, which would answer
-/// one that is no message as if the method did not exist.
+/// A call whose messages are small.
 template <class Request, class Answer, class Body>
 ServerUnaryReactor* answer(ServingContext& serving, const char* operation,
                            CallbackServerContext* context, const ByteBuffer& request,
