@@ -99,7 +99,10 @@ void installSegmentTable() {
   calls.shmctl = controlSegment;
   calls.semget = [](key_t, int, int) { return 1; };
   calls.semtimedop = [](int, sembuf*, size_t, const timespec*) { return 0; };
-  calls.semctl = [](int, int, int) { return 0; };
+  calls.semctl = [](int, int, int, semid_ds* data) {
+    if (data != nullptr) data->sem_nsems = 1;
+    return 0;
+  };
 }
 
 void resetSegments(std::size_t largest) {

@@ -33,6 +33,7 @@ namespace tolvar {
 struct ClientInternals;
 class RetryBackoff;
 enum class Step;
+enum class ImageLock;
 struct ImageContent;
 struct LookupSnapshot;
 class ClientTestAccess;
@@ -222,8 +223,10 @@ class TolvarAPI : public qel::ZU_Thread,
   std::string GetCodeInfoById(int type, std::uint64_t id);
   void GetCodeInfoById(int type, std::uint64_t id, std::string* out);
 
-  // --- Shared memory (segments.cpp, image_lock.cpp, unshared.cpp, growth.cpp, mirror.cpp) ---
+  // --- Shared memory (segments.cpp, segment_words.cpp, image_lock.cpp, unshared.cpp, growth.cpp,
+  //     mirror.cpp) ---
   void InitializeShareMemory(key_t key1, key_t key2, key_t key3);
+  void refuseForeignRecord();
   bool ReadShareMemorySize(std::size_t* size);
   void WriteShareMemorySize(std::size_t size);
   void ReadMemoryHead(int shm_index, MemoryHead* head);
@@ -237,9 +240,10 @@ class TolvarAPI : public qel::ZU_Thread,
   bool readImage(int shm_index, tolvar::ImageContent* image);
   void takeOverImage(tolvar::ImageContent& image);
   void useSegment(int shm_index);
-  bool acquireImageLock(int milliseconds);
+  tolvar::ImageLock acquireImageLock(int milliseconds);
   bool lockImage();
   bool lockImageForStart();
+  void noteShared() noexcept;
   void attachForStart(int* ready, tolvar::ImageContent* image);
   bool attachLate();
   void shareOwnTables();

@@ -104,17 +104,13 @@ std::optional<SemaphoreRecord> semaphoreBehind(key_t key) noexcept {
   SemaphoreRecord record;
   record.id = systemCalls().semget(key, 0, 0);
   if (record.id < 0) return std::nullopt;
-  union {
-    int value;
-    semid_ds* data;
-  } argument{};
   semid_ds data{};
-  argument.data = &data;
-  if (::semctl(record.id, 0, IPC_STAT, argument) != 0 || data.sem_nsems != 1) return std::nullopt;
-  const int value = systemCalls().semctl(record.id, 0, GETVAL);
+  if (systemCalls().semctl(record.id, 0, IPC_STAT, &data) != 0 || data.sem_nsems != 1)
+    return std::nullopt;
+  const int value = systemCalls().semctl(record.id, 0, GETVAL, nullptr);
   if (value < 0) return std::nullopt;
   record.held = value != 0;
-  record.lastProcess = systemCalls().semctl(record.id, 0, GETPID);
+  record.lastProcess = systemCalls().semctl(record.id, 0, GETPID, nullptr);
   record.lastChange = data.sem_otime;
   return record;
 }

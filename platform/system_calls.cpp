@@ -14,7 +14,14 @@ SystemCalls realSystemCalls() noexcept {
   calls.shmctl = ::shmctl;
   calls.semget = ::semget;
   calls.semtimedop = ::semtimedop;
-  calls.semctl = [](int id, int index, int command) { return ::semctl(id, index, command); };
+  calls.semctl = [](int id, int index, int command, semid_ds* data) {
+    union {
+      int value;
+      semid_ds* data;
+    } argument{};
+    argument.data = data;
+    return ::semctl(id, index, command, argument);
+  };
   calls.open = [](const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); };
   calls.close = ::close;
   calls.write = ::write;

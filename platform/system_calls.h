@@ -23,7 +23,8 @@ struct SystemCalls {
   int (*shmctl)(int id, int command, shmid_ds* data);
   int (*semget)(key_t key, int count, int flags);
   int (*semtimedop)(int id, sembuf* operations, size_t count, const timespec* timeout);
-  int (*semctl)(int id, int index, int command);
+  /// `data` is for IPC_STAT; the other commands that are used take no argument.
+  int (*semctl)(int id, int index, int command, semid_ds* data);
   int (*open)(const char* path, int flags, mode_t mode);
   int (*close)(int fd);
   ssize_t (*write)(int fd, const void* data, size_t size);

@@ -20,6 +20,14 @@
 
 namespace tolvar {
 
+/// How an attempt to take the image's lock ended.
+enum class ImageLock {
+  Held,
+  Unavailable,  ///< there is none, and nobody can have it
+  Busy,         ///< somebody else kept it
+  Stopping,     ///< the client was told to stop before it had it
+};
+
 /// Gives the image's lock back at the end of a scope, whether it was taken in it or not.
 class ImageHold {
  public:

@@ -15,52 +15,79 @@ constexpr int kUnsharedMillis = 1000;
 
 }  // namespace
 
-/// Takes the lock that processes publish and start under. False when somebody else kept it for
-/// `milliseconds`, or the client is told to stop meanwhile.
-bool TolvarAPI::acquireImageLock(int milliseconds) {
-  if (m_shm_key[2] == 0) return true;  // no shared image yet
-  try {
-    int waited = 0;
-    do {
-      if (m_internals->imageLock.acquire(m_shm_key[2], kRoundMillis)) return true;
-      waited += kRoundMillis;
-    } while (waited < milliseconds && !m_terminated && !m_internals->destroying);
-    return false;
-  } catch (const qel::ZU_Exception& error) {
-    // A host without semaphores is served as well as it can be: by one publisher at a time.
-    TOLVAR_LOG(kLogWarn, __LINE__, "share memory is used without its lock: " << error.what());
-    return true;
+/// Takes the lock that processes publish and start under, for which it waits `milliseconds`.
+tolvar::ImageLock TolvarAPI::acquireImageLock(int milliseconds) {
+  using tolvar::ImageLock;
+  const key_t key = m_shm_key[2];
+  if (key == 0) return ImageLock::Unavailable;  // no shared image yet
+  std::string fault;
+  for (int waited = 0; waited == 0 || waited < milliseconds; waited += kRoundMillis) {
+    try {
+      if (m_internals->imageLock.acquire(key, kRoundMillis)) return ImageLock::Held;
+      fault.clear();
+    } catch (const qel::LockRefused& error) {
+      const std::string what = std::string("used without its lock: ") + error.what();
+      noteError(tolvar::Step::ShareMemory, what.c_str());
+      TOLVAR_LOG(kLogWarn, __LINE__, "share memory is " << what);
+      return ImageLock::Unavailable;
+    } catch (const qel::ZU_Exception& error) {
+      fault = error.what();  // others may hold it all the same
+    }
+    if (m_terminated || m_internals->destroying) return ImageLock::Stopping;
   }
+  if (!fault.empty()) {
+    TOLVAR_LOG(kLogError, __LINE__, "the lock of the share memory cannot be taken: " << fault);
+  }
+  return ImageLock::Busy;
 }
 
-/// Begins a publication. True: under the lock, with the segments as they now are. False: the tables
-/// stay in this process, as the start found no way to share them and there still is none.
+/// Begins a publication. True: with the segments as they now are, and under the lock if there is
+/// one: a host without semaphores is served as well as it can be, by one publisher at a time.
+/// False: the tables stay in this process, as the start found no way to share them and there still
+/// is none.
 bool TolvarAPI::lockImage() {
+  using tolvar::ImageLock;
   const bool unshared = m_internals->unshared;
   const int limit = unshared ? std::min(m_internals->publisherLockMillis, kUnsharedMillis)
                              : m_internals->publisherLockMillis;
-  if (acquireImageLock(limit)) {
+  const ImageLock lock = acquireImageLock(limit);
+  if (lock == ImageLock::Held || lock == ImageLock::Unavailable) {
     if (unshared) return attachLate();
     refreshAttachments();
+    noteShared();
     return true;
   }
   if (!unshared) {
-    throw qel::ZU_Exception("another process holds the lock of the share memory; trying again");
+    throw qel::ZU_Exception(
+        lock == ImageLock::Busy
+            ? "another process holds the lock of the share memory; trying again"
+            : "the client is told to stop while it waits for the lock of the share memory");
   }
-  TOLVAR_LOG(kLogWarn, __LINE__,
-             "another process still holds the lock of the share memory, the tables stay in this "
-             "process");
+  if (lock == ImageLock::Busy) {
+    TOLVAR_LOG(kLogWarn, __LINE__,
+               "another process still holds the lock of the share memory, the tables stay in this "
+               "process");
+  }
   return false;
 }
 
+/// True when the start may use the segments, which it does without a lock where there is none.
 bool TolvarAPI::lockImageForStart() {
-  if (acquireImageLock(m_internals->starterLockMillis)) return true;
+  using tolvar::ImageLock;
+  const ImageLock lock = acquireImageLock(m_internals->starterLockMillis);
+  if (lock == ImageLock::Held || lock == ImageLock::Unavailable) return true;
+  if (lock == ImageLock::Stopping) return false;
   noteError(tolvar::Step::ShareMemory, "another process holds its lock");
   TOLVAR_LOG(kLogError, __LINE__,
              "another process has held the lock of the share memory for "
                  << m_internals->starterLockMillis
                  << " ms; the tables stay in this process until a publication gets it");
   return false;
+}
+
+/// The segments are attached. What is shared without the lock is not all right, though.
+void TolvarAPI::noteShared() noexcept {
+  if (m_internals->imageLock.held()) noteSuccess(tolvar::Step::ShareMemory);
 }
 
 /// Another process may have replaced a segment by a larger one, or moved regions in place, since

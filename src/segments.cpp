@@ -1,10 +1,7 @@
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cstring>
 #include <new>
 
-#include "platform/shared_write_point.h"
 #include "src/client_internals.h"
 #include "src/client_log.h"
 #include "src/image_reader.h"
@@ -18,10 +15,6 @@ namespace {
 
 /// Beyond this a stored size is taken for damage, in bytes (1 TiB).
 constexpr std::size_t kMaxSegmentBytes = std::size_t{1} << 40;
-
-/// A status in shared memory, as all processes read and write it.
-using StatusWord = std::atomic_ref<std::uint32_t>;
-static_assert(StatusWord::is_always_lock_free);
 
 void checkKeys(key_t key1, key_t key2, key_t key3) {
   if (key1 == 0 || key2 == 0 || key3 == 0) {
@@ -39,71 +32,20 @@ void checkKeys(key_t key1, key_t key2, key_t key3) {
 
 std::size_t TolvarAPI::CalculateNextSize(std::size_t n) { return tolvar::nextPowerOfTwo(n); }
 
-bool TolvarAPI::ReadShareMemorySize(std::size_t* size) {
-  qel::ZU_Shm segment;
-  segment.init(sizeof(ShmSize), m_shm_key[2]);
-  if (segment.size() < sizeof(ShmSize)) {
-    throw qel::ZU_Exception("the segment behind key " + std::to_string(m_shm_key[2]) + " has " +
-                            std::to_string(segment.size()) +
-                            " bytes and is no size record of this library; choose another "
-                            "shm_key_3 or remove it");
-  }
-  if (segment.iscreate()) return false;
-  ShmSize record;
-  std::memcpy(&record, segment.getPointer(), sizeof record);
-  if (!record.valid()) return false;
-  *size = record.m_size;
-  return true;
-}
-
-void TolvarAPI::WriteShareMemorySize(std::size_t size) {
-  qel::ZU_Shm segment;
-  segment.init(sizeof(ShmSize), m_shm_key[2]);
-  if (segment.size() < sizeof(ShmSize)) {
-    throw qel::ZU_Exception("the segment behind key " + std::to_string(m_shm_key[2]) +
-                            " is too small for the size record");
-  }
-  ShmSize record;
-  std::fill(std::begin(record.m_usable), std::end(record.m_usable), kApiVersion);
-  record.m_size = size;
-  qel::sharedCopy("size record", segment.getPointer(), &record, sizeof record);
-}
-
-void TolvarAPI::ReadMemoryHead(int shm_index, MemoryHead* head) {
-  auto* shared = static_cast<MemoryHead*>(m_shm[shm_index].getPointer());
-  // What a ready segment holds is read after its statuses.
-  const std::uint32_t ip = StatusWord(shared->ip_usable).load(std::memory_order_acquire);
-  const std::uint32_t code = StatusWord(shared->code_usable).load(std::memory_order_acquire);
-  std::memcpy(head, shared, sizeof *head);
-  head->ip_usable = ip;
-  head->code_usable = code;
-}
-
-void TolvarAPI::WriteMemoryHead(int shm_index, const MemoryHead& head) {
-  auto* shared = static_cast<MemoryHead*>(m_shm[shm_index].getPointer());
-  qel::sharedWritePoint("head padding");
-  std::memcpy(&shared->pad0, &head.pad0, sizeof head - offsetof(MemoryHead, pad0));
-  // Exchanges order both sides: content written before "ready" is in place before the word, and
-  // "pending" is in place before the content changes.
-  qel::sharedWritePoint("ip status");
-  StatusWord(shared->ip_usable).exchange(head.ip_usable, std::memory_order_seq_cst);
-  qel::sharedWritePoint("code status");
-  StatusWord(shared->code_usable).exchange(head.code_usable, std::memory_order_seq_cst);
-}
-
 void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
   checkKeys(key1, key2, key3);
   m_shm_key[0] = key1;
   m_shm_key[1] = key2;
   m_shm_key[2] = key3;
   forgetSegments();
+  refuseForeignRecord();
   const tolvar::ImageHold lockHold(m_internals->imageLock);
   m_internals->unshared = !lockImageForStart();
 
   int ready = -1;
   tolvar::ImageContent image;
   if (!m_internals->unshared) attachForStart(&ready, &image);
-  if (!m_internals->unshared) noteSuccess(tolvar::Step::ShareMemory);
+  if (!m_internals->unshared) noteShared();
   // Whatever the other segment holds, it need not be the image chosen here.
   m_internals->imagesInSync = ready < 0;
 

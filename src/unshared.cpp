@@ -58,7 +58,7 @@ bool TolvarAPI::attachLate() {
     return false;
   }
   m_internals->unshared = false;
-  noteSuccess(tolvar::Step::ShareMemory);
+  noteShared();
   TOLVAR_LOG(kLogInfo, __LINE__, "share memory is attached, the tables are shared from now on.");
   return true;
 }

@@ -55,7 +55,7 @@ std::string statusText(int status) {
 /// The process that holds the lock behind `key`, 0 when nobody does.
 pid_t lockHolder(key_t key) {
   const int id = semget(key, 0, 0);
-  if (id < 0 || semctl(id, 0, GETVAL) != 1) return 0;
+  if (id < 0 || semctl(id, 0, GETVAL) <= 0) return 0;
   return semctl(id, 0, GETPID);
 }
 

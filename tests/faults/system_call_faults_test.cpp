@@ -103,12 +103,13 @@ TEST(FreshKeys, AFailureWhileSegmentsOfFullSizeAreMadeCostsNothingGood) {
 }
 
 const Case kCases[] = {
-    {"shmget", ENOMEM, {"shmget failed", "share memory was replaced"}},
-    {"shmget", EACCES, {"shmget failed", "share memory was replaced"}},
+    {"shmget", ENOMEM, {"shmget failed", "share memory was replaced", "cannot be looked at"}},
+    {"shmget", EACCES, {"shmget failed", "share memory was replaced", "cannot be looked at"}},
     {"shmat", ENOMEM, {"shmat failed"}},
     {"shmdt", EINVAL, {}},
-    {"shmctl", ENOMEM, {"shmctl failed"}},
+    {"shmctl", ENOMEM, {"shmctl failed", "cannot be looked at"}},
     {"semget", ENOSPC, {"semget failed"}},
+    {"semctl", EACCES, {"semctl failed"}},
     {"semtimedop", ENOMEM, {"semtimedop failed"}, true},
     {"semtimedop", EAGAIN, {}},
     {"open", EMFILE, {"fopen fail", "cannot open downloadPos.dat"}, true},

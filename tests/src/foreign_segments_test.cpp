@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/sem.h>
 
+#include <array>
 #include <cerrno>
 #include <random>
 
@@ -89,21 +91,74 @@ TEST(ForeignSegments, SmallOneThatItsOwnerHasNotFilledYetIsRefused) {
   }
 }
 
-TEST(ForeignSegments, SmallOneBehindTheSizeKeyIsRefused) {
+class ForeignSizeRecord : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(ForeignSizeRecord, OfAnotherSizeIsRefusedAndNothingIsTouchedOrMade) {
   ShmKeys keys;
-  RawSegment::create(keys.size(), 100);
+  RawSegment::create(keys.size(), GetParam());
   RawSegment foreign(keys.size());
-  const std::string content = randomBytes(100, 1);
+  const std::string content = randomBytes(GetParam(), 1);
   foreign.write(0, content);
-  EXPECT_THAT(failureOf(keys),
-              AllOf(HasSubstr("key " + std::to_string(keys.size())), HasSubstr("100 bytes")));
+  EXPECT_THAT(failureOf(keys), AllOf(HasSubstr("key " + std::to_string(keys.size())),
+                                     HasSubstr(std::to_string(GetParam()) + " bytes"),
+                                     HasSubstr("choose another shm_key_3 or remove")));
   EXPECT_EQ(foreign.allBytes(), content);
   EXPECT_FALSE(RawSegment::exists(keys.data0()));
+  EXPECT_LT(semget(keys.size(), 0, 0), 0) << "a lock was made next to it";
 
   StoreClient client;
   client.access.shmKey(2) = keys.size();
+  std::size_t size = 77;
+  EXPECT_THROW(client.access.ReadShareMemorySize(&size), qel::ZU_Exception);
   EXPECT_THROW(client.access.WriteShareMemorySize(1), qel::ZU_Exception);
+  EXPECT_EQ(size, 77u);
   EXPECT_EQ(foreign.allBytes(), content);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ForeignSizeRecord, testing::Values(100, 135, 137, 4096, 1 << 20));
+
+TEST(ForeignSegments, AnotherImagesDataSegmentBehindTheSizeKeyStaysWhole) {
+  ShmKeys theirs;
+  ShmKeys keys;
+  publishImage(theirs, smallTable(1));
+  const std::string before = RawSegment(theirs.data0()).bytes(0, 4096);
+  EXPECT_THAT(failureOf(keys.data0(), keys.data1(), theirs.data0()),
+              HasSubstr("key " + std::to_string(theirs.data0())));
+  EXPECT_EQ(RawSegment(theirs.data0()).bytes(0, 4096), before);
+  StoreClient client;
+  client.open(theirs);
+  EXPECT_TRUE(answersFrom(client, smallTable(1)));
+}
+
+TEST(ForeignSemaphores, ASetOfSeveralIsLeftAloneAndTheImageUsedWithoutALock) {
+  ShmKeys keys;
+  publishImage(keys, smallTable(1));
+  ASSERT_EQ(semctl(semget(keys.size(), 0, 0), 0, IPC_RMID), 0);
+  const int set = semget(keys.size(), 3, IPC_CREAT | 0600);
+  ASSERT_GE(set, 0);
+  const auto values = [set] {
+    return std::array<int, 3>{semctl(set, 0, GETVAL), semctl(set, 1, GETVAL),
+                              semctl(set, 2, GETVAL)};
+  };
+  // Free as its owner counts, which is what a lock of ours looks like while it is held; then held.
+  for (const int value : {1, 0}) {
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(semctl(set, i, SETVAL, value), 0);
+    const auto before = values();
+    StoreClient client;
+    client.open(keys);
+    EXPECT_TRUE(answersFrom(client, smallTable(1)));
+    EXPECT_EQ(values(), before);
+    semid_ds description{};
+    ASSERT_EQ(semctl(set, 0, IPC_STAT, &description), 0);
+    EXPECT_EQ(description.sem_otime, 0) << "somebody operated on it";
+
+    const auto says =
+        AllOf(HasSubstr("used without its lock"), HasSubstr("key " + std::to_string(keys.size())),
+              HasSubstr("3 semaphores"), HasSubstr("choose another key or remove"));
+    EXPECT_THAT(client.out, says);
+    EXPECT_TRUE(client.api.status().failing);
+    EXPECT_THAT(client.api.status().lastError, says);
+  }
 }
 
 TEST(ForeignSegments, RefusalLeavesTheClientUsableWithOtherKeys) {

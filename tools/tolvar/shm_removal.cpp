@@ -60,7 +60,7 @@ Removal removeSegments(const ImageSlots& image, bool withLock) {
   }
   // Taken away from its holder, it would let two publishers in.
   const auto lock = qel::semaphoreBehind(image.segments[2].key);
-  if (withLock && lock) qel::systemCalls().semctl(lock->id, 0, IPC_RMID);
+  if (withLock && lock) qel::systemCalls().semctl(lock->id, 0, IPC_RMID, nullptr);
   removal.done = true;
   return removal;
 }

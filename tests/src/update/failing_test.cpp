@@ -182,6 +182,28 @@ TEST(Failing, AStartWithoutTheImagesLockGoesOnUntilTheTablesAreShared) {
   EXPECT_FALSE(scene.client.status().failing);
 }
 
+TEST(Failing, AnImageWithoutALockGoesOnUntilAPublicationHoldsIt) {
+  LateScene scene;
+  TableServer server(scene.service);
+  server.publish(selfCheckingTable(1, 20));
+  {
+    SystemCallsGuard guard;
+    guard.calls().semget = [](key_t, int, int) {
+      errno = ENOSPC;
+      return -1;
+    };
+    scene.begin();
+    EXPECT_FALSE(scene.access.internals().unshared);
+    EXPECT_EQ(scene.client.status().lastError.rfind("share memory: used without its lock: ", 0),
+              0u);
+    ASSERT_TRUE(scene.refresh());
+    EXPECT_TRUE(scene.client.status().failing);
+  }
+  scene.access.isCheckingCode() = true;
+  ASSERT_TRUE(scene.finish());
+  EXPECT_FALSE(scene.client.status().failing);
+}
+
 TEST(Failing, AnInitializationIsOverWhenALaterOneStarts) {
   Scene scene;
   TableServer server(scene.service);

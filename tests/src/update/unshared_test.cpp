@@ -90,6 +90,48 @@ TEST(Unshared, AStartWithoutTheLockTouchesNoSegmentAndAnswersFromItsDownload) {
   EXPECT_EQ(textsStarting(scene.output.err, "another process has held the lock").size(), 1u);
 }
 
+/// A host whose signals interrupt the wait for the lock when its time is up.
+int interruptedWait(int id, sembuf* operations, size_t count, const timespec* limit) {
+  const int answer = semtimedop(id, operations, count, limit);
+  if (answer != 0 && errno == EAGAIN) errno = EINTR;
+  return answer;
+}
+
+/// A system that has no memory for operations on semaphores.
+int failingOperation(int, sembuf*, size_t, const timespec*) {
+  errno = ENOMEM;
+  return -1;
+}
+
+/// What keeps a start from knowing that nobody else holds the lock keeps it from the segments.
+TEST(Unshared, AStartThatCannotTakeTheLockTouchesNoSegment) {
+  for (const auto operation : {interruptedWait, failingOperation}) {
+    UnsharedScene scene;
+    plantSmallSegments(scene.keys, 64, 8);
+    qel::InterprocessLock somebody;
+    ASSERT_TRUE(somebody.acquire(scene.keys.size(), 0));
+    SystemCallsGuard guard;
+    guard.calls().semtimedop = operation;
+    scene.begin();
+    EXPECT_TRUE(scene.access.internals().unshared);
+    EXPECT_EQ(scene.access.shm(0).getPointer(), nullptr);
+    EXPECT_EQ(scene.client.status().lastError, "share memory: another process holds its lock");
+    scene.output.take();
+    EXPECT_EQ(textsStarting(scene.output.out, "share memory is used without its lock").size(), 0u);
+  }
+}
+
+TEST(Unshared, AStartThatIsToldToStopWhileItWaitsForTheLockBlamesNobody) {
+  UnsharedScene scene;
+  scene.access.internals().starterLockMillis = 3600 * 1000;
+  qel::InterprocessLock somebody;
+  ASSERT_TRUE(somebody.acquire(scene.keys.size(), 0));
+  scene.client.terminate();
+  scene.begin();
+  EXPECT_TRUE(scene.access.internals().unshared);
+  EXPECT_EQ(scene.client.status().lastError, "");
+}
+
 TEST(Unshared, TheFirstPublicationThatGetsTheLockSharesTheTables) {
   UnsharedScene scene;
   qel::InterprocessLock somebody;
