@@ -1,12 +1,13 @@
-#include "tools/tolvard/serve/listen_address.h"
+#include "tools/tolvard/server/listen_address.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <stdexcept>
 
 namespace {
 
-using tolvar::tools::parseListenAddress;
+using testing::HasSubstr;
+using tolvar::parseListenAddress;
 
 TEST(ListenAddress, LoopbackIsLocal) {
   for (const char* text :
@@ -30,6 +31,16 @@ TEST(ListenAddress, NonsenseIsRefused) {
   for (const char* text : {"", ":1", "host", "host:", "host:65536", "host:-1", "host:1x", "::1:5",
                            "[::1]", "[host]:1", "unix:", "host:+1"})
     EXPECT_THROW(parseListenAddress(text), std::invalid_argument) << text;
+}
+
+TEST(ListenAddress, AUnixSocketsPathHasTheSystemsLength) {
+  EXPECT_EQ(parseListenAddress("unix:" + std::string(107, 'x')).path, std::string(107, 'x'));
+  try {
+    parseListenAddress("unix:" + std::string(108, 'x'));
+    FAIL() << "the path is too long";
+  } catch (const std::invalid_argument& error) {
+    EXPECT_THAT(error.what(), HasSubstr("at most 107 bytes, this one has 108"));
+  }
 }
 
 }  // namespace

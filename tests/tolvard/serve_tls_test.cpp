@@ -59,6 +59,14 @@ TEST_F(ServeTls, WithACaClientsMustShowACertificate) {
   EXPECT_NE(answer(server.address(), authority.issue("expired", "host", -1)), "answered");
 }
 
+TEST_F(ServeTls, AUnixSocketIsEncryptedToo) {
+  const GrpcTlsFiles own = authority.issue("server", "localhost");
+  const std::string socket = "unix:" + directory.file("t.sock");
+  TolvardProcess server(database(), {"--tls-cert", own.certFile, "--tls-key", own.keyFile}, socket);
+  EXPECT_EQ(answer(socket, trusting()), "answered");
+  EXPECT_NE(answer(socket, std::nullopt), "answered");
+}
+
 TEST_F(ServeTls, AChangedCertificateIsShownWithoutARestart) {
   const GrpcTlsFiles first = authority.issue("first", "127.0.0.1");
   const GrpcTlsFiles second = authority.issue("second", "127.0.0.1");

@@ -10,6 +10,7 @@
 
 #include "platform/exception.h"
 #include "tests/support/manual_clock.h"
+#include "tests/support/temp_dir.h"
 #include "tests/transport_grpc/test_ports.h"
 #include "tests/transport_grpc/test_tables.h"
 #include "tolvar.grpc.pb.h"
@@ -30,12 +31,15 @@ GrpcServerOptions onLoopback() {
   return options;
 }
 
-std::shared_ptr<grpc::Channel> channelTo(const GrpcServer& server) {
+std::shared_ptr<grpc::Channel> channelTo(const std::string& address) {
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
   arguments.SetMaxReceiveMessageSize(tolvar::wire::MAX_RECV_BUFFER);
-  return grpc::CreateCustomChannel(loopback(server.ports()[0]), grpc::InsecureChannelCredentials(),
-                                   arguments);
+  return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
+}
+
+std::shared_ptr<grpc::Channel> channelTo(const GrpcServer& server) {
+  return channelTo(loopback(server.ports()[0]));
 }
 
 /// Calls with bytes of the test's own, so that anything can be sent.
@@ -106,6 +110,20 @@ TEST(GrpcServer, BeyondTheDownloadLimitChecksAnswerOverload) {
   EXPECT_EQ(check(two, "0").is_reset(), 1);
   EXPECT_EQ(check(one, "0").is_net_flow(), 1);
   clock.advance(tolvar::DownloadGate::kIdleMillis);
+  EXPECT_EQ(check(one, "0").is_reset(), 1);
+}
+
+TEST(GrpcServer, EveryConnectionOverAUnixSocketTakesADownloadPlace) {
+  const tolvar_test::TempDir directory;
+  GrpcServerOptions options;
+  options.listen = {"unix:" + directory.file("t.sock")};
+  options.maxDownloads = 1;
+  GrpcServer server(tolvar_test::makeService(10), options);
+  EXPECT_EQ(server.ports(), std::vector<int>{1});
+  v1::TolvarObj::Stub one(channelTo(options.listen[0]));
+  v1::TolvarObj::Stub two(channelTo(options.listen[0]));
+  EXPECT_EQ(check(one, "0").is_reset(), 1);
+  EXPECT_EQ(check(two, "0").is_net_flow(), 1);
   EXPECT_EQ(check(one, "0").is_reset(), 1);
 }
 

@@ -166,6 +166,10 @@ ExitStatus ServeCommand::run() {
 
   GrpcServerOptions options = serverOptions();
   if (_verbose) options.onCall = [&log](const GrpcCallRecord& call) { logCall(log, call); };
+  options.onConnectionsFull = [&log](const ConnectionShortage& shortage) {
+    log.warn("connections_full", {{"limit", shortage.limit}, {"hint", shortage.hint}});
+  };
+  options.onConnectionsResumed = [&log] { log.info("connections_resumed", {}); };
   server.emplace(service, options);
   server->setServing(service->current() != nullptr);
   if (const auto version = service->current()) server->prepare(version);

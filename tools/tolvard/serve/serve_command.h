@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "tools/shared/exit_status.h"
-#include "tools/tolvard/serve/listen_address.h"
 #include "tools/tolvard/server/grpc_server.h"
+#include "tools/tolvard/server/listen_address.h"
 #include "tools/tolvard/store_option.h"
 
 namespace tolvar::tools {

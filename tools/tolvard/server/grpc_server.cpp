@@ -6,9 +6,11 @@
 #include <grpcpp/resource_quota.h>
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
+#include <grpcpp/server_posix.h>
 
 #include <algorithm>
 #include <condition_variable>
+#include <iterator>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -65,18 +67,10 @@ void limitResources(grpc::ServerBuilder& builder, const GrpcServerOptions& optio
 }
 
 void configureConnections(grpc::ServerBuilder& builder) {
-  // A second server on the same port must fail, not share it silently.
-  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveMillis);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeoutMillis);
   builder.AddChannelArgument(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS,
                              kMinPingIntervalMillis);
-}
-
-std::string joined(const std::vector<std::string>& texts) {
-  std::string all;
-  for (const std::string& text : texts) all += (all.empty() ? "" : ", ") + text;
-  return all;
 }
 
 // Clients that read their connections have closed them by then.
@@ -130,6 +124,8 @@ struct GrpcServer::State {
       : serving(std::move(service), options) {}
 
   void listen();
+  std::vector<ListeningSocket> openSockets();
+  void takeConnection(const ListeningSocket& from, int connection);
   void addServices(grpc::ServerBuilder& builder);
   void setServing(bool up);
 
@@ -138,7 +134,10 @@ struct GrpcServer::State {
   std::unique_ptr<grpc::Service> main;
   std::unique_ptr<grpc::Service> fast;
   std::vector<int> ports;
+  std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> transport;
   std::unique_ptr<grpc::Server> server;
+  // Hands connections to both of the above.
+  std::unique_ptr<ConnectionAcceptor> acceptor;
 };
 
 void GrpcServer::State::addServices(grpc::ServerBuilder& builder) {
@@ -152,6 +151,27 @@ void GrpcServer::State::addServices(grpc::ServerBuilder& builder) {
   }
 }
 
+std::vector<ListeningSocket> GrpcServer::State::openSockets() {
+  std::vector<ListeningSocket> all;
+  for (const std::string& text : serving.options.listen) {
+    auto sockets = ListeningSocket::open(parseListenAddress(text), kKeepaliveTimeoutMillis);
+    ports.push_back(sockets.front().port());
+    std::move(sockets.begin(), sockets.end(), std::back_inserter(all));
+  }
+  return all;
+}
+
+void GrpcServer::State::takeConnection(const ListeningSocket& from, int connection) {
+  // The transport names a connection after its other end, which on a unix socket has no name; one
+  // that it gets this way it names after the descriptor, so that each has its own download place.
+  if (from.isUnix() && !serving.options.tls)
+    return grpc::AddInsecureChannelFromFd(server.get(), connection);
+  grpc::experimental::ExternalConnectionAcceptor::NewConnectionParameters parameters;
+  parameters.listener_fd = from.descriptor();
+  parameters.fd = connection;
+  transport->HandleNewConnection(&parameters);
+}
+
 void GrpcServer::State::listen() {
   const GrpcServerOptions& options = serving.options;
   if (options.listen.empty()) throw qel::ZU_Exception("no address to listen on is given");
@@ -163,15 +183,19 @@ void GrpcServer::State::listen() {
   configureConnections(builder);
   const auto credentials =
       options.tls ? serverCredentials(*options.tls) : grpc::InsecureServerCredentials();
-  ports.resize(options.listen.size(), 0);
-  for (std::size_t i = 0; i < ports.size(); ++i)
-    builder.AddListeningPort(options.listen[i], credentials, &ports[i]);
+  // The library's own listening ends for good with the first error, a lack of descriptors included.
+  transport = builder.experimental().AddExternalConnectionAcceptor(
+      grpc::ServerBuilder::experimental_type::ExternalConnectionType::FROM_FD, credentials);
   addServices(builder);
+  std::vector<ListeningSocket> sockets = openSockets();
   server = builder.BuildAndStart();
-  if (!server || std::find(ports.begin(), ports.end(), 0) != ports.end())
-    throw qel::ZU_Exception("cannot listen on " + joined(options.listen) +
-                            ": the address is in use, not this machine's, or not permitted");
+  if (!server) throw qel::ZU_Exception("the transport does not start");
   setServing(true);
+  acceptor = std::make_unique<ConnectionAcceptor>(
+      std::move(sockets),
+      ConnectionAcceptor::Handlers{
+          [this](const ListeningSocket& from, int connection) { takeConnection(from, connection); },
+          options.onConnectionsFull, options.onConnectionsResumed});
 }
 
 void GrpcServer::State::setServing(bool up) {
@@ -209,6 +233,7 @@ void GrpcServer::dropOldVersions() {
 void GrpcServer::setServing(bool serving) { _state->setServing(serving); }
 
 void GrpcServer::shutdown(std::chrono::milliseconds grace) {
+  _state->acceptor->stop();
   const IdleCloser closer(*_state->server, _state->serving.calls);
   _state->server->Shutdown(std::chrono::system_clock::now() + grace);
 }

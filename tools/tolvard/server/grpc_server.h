@@ -12,6 +12,7 @@
 
 #include "platform/clock.h"
 #include "service/lookup_service.h"
+#include "tools/tolvard/server/connection_acceptor.h"
 #include "transport/grpc/grpc_options.h"
 
 namespace tolvar {
@@ -19,7 +20,8 @@ namespace tolvar {
 /// One call, after it was answered.
 struct GrpcCallRecord {
   std::string operation;        ///< name on the wire, "DownloadPage" for example
-  std::string peer;             ///< as gRPC writes it, "ipv4:192.0.2.1:4711" for example
+  std::string peer;             ///< as gRPC writes it, "ipv4:192.0.2.1:4711" for example; over a
+                                ///< unix socket "fd:17", with encryption "unix:"
   std::string status;           ///< "OK" or the status' name
   std::string message;          ///< cause of a failure
   std::int64_t micros = 0;      ///< time taken to compute the answer
@@ -28,7 +30,8 @@ struct GrpcCallRecord {
 
 /// How a GrpcServer serves.
 struct GrpcServerOptions {
-  /// Addresses to listen on: "127.0.0.1:0" (0: any free port), "[::1]:4000", "unix:/path".
+  /// Addresses to listen on, as parseListenAddress takes them: "127.0.0.1:0" (0: any free port),
+  /// "[::1]:4000", "unix:/path".
   std::vector<std::string> listen;
 
   /// Encryption. With a CA file, clients must show a certificate from it.
@@ -39,6 +42,7 @@ struct GrpcServerOptions {
   bool serveFast = true;
 
   /// Full downloads at a time; beyond them, change checks that would start one answer isNetFlow 1.
+  /// One for each connection, but one for all those over unix sockets with encryption.
   std::size_t maxDownloads = 256;
 
   /// Largest request accepted, in bytes.
@@ -63,6 +67,11 @@ struct GrpcServerOptions {
   /// Called after every call, from the transport's threads; quick, no exceptions. May be empty.
   std::function<void(const GrpcCallRecord&)> onCall;
 
+  /// Called when connections wait because descriptors or memory have run out, and when there is
+  /// room again; quick, no exceptions. May be empty.
+  std::function<void(const ConnectionShortage&)> onConnectionsFull;
+  std::function<void()> onConnectionsResumed;
+
   qel::Clock* clock = &qel::systemClock();  ///< of the download places; outlives the server
 };
 
@@ -73,7 +82,7 @@ struct GrpcServerOptions {
 class GrpcServer {
  public:
   /// Listens at once. Throws ZU_Exception when an address cannot be had, a TLS file cannot be used,
-  /// or nothing is to be served.
+  /// or nothing is to be served; std::invalid_argument when a text is no address.
   GrpcServer(std::shared_ptr<service::LookupService> service, GrpcServerOptions options);
 
   /// Shuts down without grace.

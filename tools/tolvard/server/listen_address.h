@@ -2,13 +2,14 @@
 
 #include <string>
 
-namespace tolvar::tools {
+namespace tolvar {
 
 /// An address to listen on.
 struct ListenAddress {
   std::string host;  ///< without brackets; empty for a unix socket
   int port = 0;      ///< 0: any free one
-  std::string text;  ///< as the transport takes it
+  std::string path;  ///< of a unix socket, else empty
+  std::string text;  ///< as it was given
 
   /// Nobody outside this machine reaches it.
   bool isLocal = false;
@@ -21,4 +22,4 @@ struct ListenAddress {
 /// std::invalid_argument saying what is expected.
 ListenAddress parseListenAddress(const std::string& text);
 
-}  // namespace tolvar::tools
+}  // namespace tolvar

@@ -1,6 +1,7 @@
-#include "tools/tolvard/serve/listen_address.h"
+#include "tools/tolvard/server/listen_address.h"
 
 #include <arpa/inet.h>
+#include <sys/un.h>
 
 #include <optional>
 #include <stdexcept>
@@ -8,10 +9,13 @@
 #include "service/address_text.h"
 #include "service/text_source.h"
 
-namespace tolvar::tools {
+namespace tolvar {
 namespace {
 
 constexpr std::uint32_t kLoopbackNetwork = 127;
+constexpr std::string_view kUnixPrefix = "unix:";
+/// The system's limit, less the zero behind it.
+constexpr std::size_t kMaxUnixPath = sizeof(sockaddr_un::sun_path) - 1;
 
 bool isLocalHost(const std::string& host) {
   in6_addr six{};
@@ -28,6 +32,18 @@ bool isLocalHost(const std::string& host) {
                               "to 65535, [IPV6]:PORT or unix:PATH");
 }
 
+std::string unixPath(const std::string& text) {
+  std::string path = text.substr(kUnixPrefix.size());
+  if (path.empty() || path.find(char{0}) != std::string::npos) refuse(text);
+  if (path.size() > kMaxUnixPath)
+    throw std::invalid_argument(service::quoted(text) +
+                                " is no address to listen on: the path of a unix socket has at "
+                                "most " +
+                                std::to_string(kMaxUnixPath) + " bytes, this one has " +
+                                std::to_string(path.size()) + "; take a shorter one");
+  return path;
+}
+
 }  // namespace
 
 std::string ListenAddress::withPort(int real) const {
@@ -39,8 +55,8 @@ std::string ListenAddress::withPort(int real) const {
 ListenAddress parseListenAddress(const std::string& text) {
   ListenAddress address;
   address.text = text;
-  if (text.starts_with("unix:")) {
-    if (text.size() == 5) refuse(text);
+  if (text.starts_with(kUnixPrefix)) {
+    address.path = unixPath(text);
     address.isLocal = true;
     return address;
   }
@@ -59,4 +75,4 @@ ListenAddress parseListenAddress(const std::string& text) {
   return address;
 }
 
-}  // namespace tolvar::tools
+}  // namespace tolvar
