@@ -7,7 +7,7 @@
 #   build    compiler, CMake, Ninja                        (every build)
 #   test     GoogleTest, Google Benchmark                  (tests and benchmarks)
 #   service  JSON, command line, SQLite, country data      (the service and the tools)
-#   grpc     gRPC, protocol buffers; openssl, Python       (the network transport and its tests)
+#   grpc     gRPC, protocol buffers, OpenSSL; Python       (the network transport and its tests)
 #   bench    libmaxminddb                                  (comparisons in the benchmarks)
 #   fuzz     clang 16 with its fuzzer                      (only when asked for)
 #
@@ -19,7 +19,7 @@ packages_of() {
     build) echo g++ cmake ninja-build pkg-config git ca-certificates ;;
     test) echo libgtest-dev libgmock-dev libbenchmark-dev ;;
     service) echo nlohmann-json3-dev libcli11-dev libsqlite3-dev tor-geoipdb iso-codes ;;
-    grpc) echo libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc openssl \
+    grpc) echo libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc libssl-dev openssl \
       python3 python3-grpcio python3-protobuf ;;
     bench) echo libmaxminddb-dev ;;
     fuzz) echo clang-16 libclang-rt-16-dev ;;

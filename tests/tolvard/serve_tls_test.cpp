@@ -9,6 +9,7 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
 using tolvar::GrpcTlsFiles;
 using tolvar_test::ServiceClient;
@@ -90,12 +91,52 @@ TEST_F(ServeTls, AChangedCertificateIsShownWithoutARestart) {
   EXPECT_EQ(answer(server.address(), trusting()), "answered");
 }
 
+TEST_F(ServeTls, WhatCannotBeUsedIsLoggedAndWhatWasReadIsServed) {
+  const GrpcTlsFiles own = authority.issue("own", "127.0.0.1");
+  const GrpcTlsFiles next = authority.issue("next", "127.0.0.1");
+  TolvardProcess server(database(), {"--tls-cert", own.certFile, "--tls-key", own.keyFile});
+  const std::string shown = tolvar_test::fileFingerprint(own.certFile);
+  const auto expectRefusal = [&](const std::string& file, const std::string& cause) {
+    EXPECT_THAT(server.awaitLine("event=tls_files_"),
+                AllOf(HasSubstr("event=tls_files_refused"), HasSubstr(file), HasSubstr(cause)));
+    EXPECT_EQ(tolvar_test::shownFingerprint(server.address()), shown);
+    EXPECT_EQ(answer(server.address(), trusting()), "answered");
+  };
+  tolvar_test::writeFile(own.certFile, "");
+  expectRefusal(own.certFile, "is empty");
+  tolvar_test::writeFile(own.certFile, tolvar_test::readFile(next.certFile));
+  expectRefusal(own.keyFile, "does not belong");
+  std::filesystem::rename(next.keyFile, own.keyFile);
+  EXPECT_THAT(server.awaitLine("event=tls_files_"), HasSubstr("event=tls_files_served"));
+  EXPECT_EQ(tolvar_test::shownFingerprint(server.address()),
+            tolvar_test::fileFingerprint(next.certFile));
+  EXPECT_EQ(answer(server.address(), trusting()), "answered");
+}
+
 TEST_F(ServeTls, FilesThatCannotBeUsedAreNamed) {
-  const tolvar_test::ToolRun absent =
-      tolvard({"serve", "--listen", "127.0.0.1:0", "--tls-cert", directory.file("no.pem"),
-               "--tls-key", directory.file("no.key")});
-  EXPECT_EQ(absent.exitStatus, 2);
-  EXPECT_THAT(absent.err, HasSubstr("no.pem"));
+  const auto expectRefused = [&](const GrpcTlsFiles& files, const std::string& file,
+                                 const std::string& cause) {
+    const tolvar_test::ToolRun run =
+        tolvard({"serve", "--listen", "127.0.0.1:0", "--tls-cert", files.certFile, "--tls-key",
+                 files.keyFile, "--tls-ca", files.caFile});
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_THAT(run.err, AllOf(HasSubstr(file), HasSubstr(cause)));
+  };
+  const GrpcTlsFiles good = authority.issue("own", "127.0.0.1");
+  GrpcTlsFiles bad = good;
+  bad.certFile = directory.file("no.pem");
+  expectRefused(bad, bad.certFile, "No such file");
+  bad = good;
+  bad.keyFile = authority.issue("other", "127.0.0.1").keyFile;
+  expectRefused(bad, bad.keyFile, "does not belong");
+  bad.keyFile = directory.file("secret.key");
+  tolvar_test::writeFile(bad.keyFile, tolvar_test::encryptedKey(good.keyFile));
+  expectRefused(bad, bad.keyFile, "is encrypted");
+  bad = good;
+  bad.caFile = directory.file("ca.pem");
+  tolvar_test::writeFile(bad.caFile,
+                         "-----BEGIN CERTIFICATE-----\nrubbish\n-----END CERTIFICATE-----\n");
+  expectRefused(bad, bad.caFile, "is damaged");
 }
 
 }  // namespace

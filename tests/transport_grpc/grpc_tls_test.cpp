@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <filesystem>
+#include <mutex>
 
 #include "platform/exception.h"
 #include "tests/transport_grpc/test_certificates.h"
@@ -14,6 +17,7 @@
 namespace {
 
 using std::chrono::milliseconds;
+using testing::AllOf;
 using testing::HasSubstr;
 using tolvar::GrpcCommunicator;
 using tolvar::GrpcOptions;
@@ -24,37 +28,93 @@ using tolvar_test::TestAuthority;
 
 constexpr const char* kMain = "Test.Server.TolvarObj@tcp";
 
+/// A client that is kept.
+class Caller {
+ public:
+  Caller(const std::string& address, const std::optional<GrpcTlsFiles>& files,
+         const std::string& name = "")
+      : _communicator(options(address, files, name)) {
+    _communicator.stringToProxy(kMain, _proxy);
+  }
+
+  /// "answered", or the text of the failure.
+  std::string call() {
+    ravel::ClientConf conf;
+    try {
+      _proxy->getConf(conf);
+    } catch (const qel::ZU_Exception& error) {
+      return error.what();
+    }
+    return "answered";
+  }
+
+  /// Calls until the outcome holds `text`; the last outcome.
+  std::string callUntil(const std::string& text) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::string outcome;
+    do outcome = call();
+    while (outcome.find(text) == std::string::npos && std::chrono::steady_clock::now() < limit);
+    return outcome;
+  }
+
+ private:
+  static GrpcOptions options(const std::string& address, const std::optional<GrpcTlsFiles>& files,
+                             const std::string& name) {
+    GrpcOptions options;
+    options.endpoints = {{kMain, {address}}};
+    options.checkDeadline = milliseconds(800);
+    options.tls = files;
+    options.authority = name;
+    return options;
+  }
+
+  GrpcCommunicator _communicator;
+  ravel::TolvarPrx _proxy;
+};
+
+/// What a server tells of its TLS files.
+class TlsReports {
+ public:
+  void add(const std::string& refusal) {
+    const std::lock_guard lock(_mutex);
+    _waiting.push_back(refusal);
+    _changed.notify_all();
+  }
+
+  /// Waits for the next one: a refusal, "taken", or "none" within 20 s.
+  std::string next() {
+    std::unique_lock lock(_mutex);
+    if (!_changed.wait_for(lock, std::chrono::seconds(20), [&] { return !_waiting.empty(); }))
+      return "none";
+    const std::string report = _waiting.front();
+    _waiting.pop_front();
+    return report.empty() ? "taken" : report;
+  }
+
+ private:
+  std::mutex _mutex;
+  std::condition_variable _changed;
+  std::deque<std::string> _waiting;  ///< guarded by _mutex
+};
+
 class GrpcTls : public testing::Test {
  protected:
   GrpcTls() : authority("authority") { tolvar::silenceGrpcLibrary(); }
 
   /// Serves with `files`; clients must show certificates when it has a CA file.
-  void serve(const GrpcTlsFiles& files) {
+  void serve(const GrpcTlsFiles& files, const std::vector<std::string>& listen = {"127.0.0.1:0"}) {
     tolvar::GrpcServerOptions options;
-    options.listen = {"127.0.0.1:0"};
+    options.listen = listen;
     options.tls = files;
+    options.onTlsFiles = [this](const std::string& refusal) { reports.add(refusal); };
     server = std::make_unique<GrpcServer>(tolvar_test::makeService(10), options);
   }
 
   std::string address() const { return loopback(server->ports()[0]); }
 
-  /// "answered", or the text of the failure.
+  /// The outcome of a new client's call.
   std::string call(const std::optional<GrpcTlsFiles>& files, const std::string& name = "") {
-    GrpcOptions options;
-    options.endpoints = {{kMain, {address()}}};
-    options.checkDeadline = milliseconds(800);
-    options.tls = files;
-    options.authority = name;
-    GrpcCommunicator communicator(options);
-    ravel::TolvarPrx proxy;
-    communicator.stringToProxy(kMain, proxy);
-    ravel::ClientConf conf;
-    try {
-      proxy->getConf(conf);
-    } catch (const qel::ZU_Exception& error) {
-      return error.what();
-    }
-    return "answered";
+    return Caller(address(), files, name).call();
   }
 
   GrpcTlsFiles trusting(const TestAuthority& trusted) const {
@@ -64,6 +124,7 @@ class GrpcTls : public testing::Test {
   }
 
   TestAuthority authority;
+  TlsReports reports;
   std::unique_ptr<GrpcServer> server;
 };
 
@@ -122,6 +183,100 @@ TEST_F(GrpcTls, ANewCertificateIsShownWithoutARestart) {
     shown = tolvar_test::shownFingerprint(address());
   EXPECT_EQ(shown, after);
   EXPECT_EQ(call(trusting(authority)), "answered");
+}
+
+TEST_F(GrpcTls, AServerWhoseFileIsEmptiedServesWhatItHeld) {
+  const GrpcTlsFiles files = authority.issue("server", "127.0.0.1");
+  const GrpcTlsFiles client = authority.issue("client", "client.example");
+  serve(files);
+  const std::string shown = tolvar_test::shownFingerprint(address());
+  for (const std::string& path : {files.keyFile, files.certFile, files.caFile}) {
+    const std::string good = tolvar_test::readFile(path);
+    tolvar_test::writeFile(path, "");
+    EXPECT_THAT(reports.next(), AllOf(HasSubstr(path), HasSubstr("is empty")));
+    EXPECT_EQ(tolvar_test::shownFingerprint(address()), shown);
+    tolvar_test::writeFile(path, good);
+    EXPECT_EQ(reports.next(), "taken");
+    EXPECT_EQ(call(client), "answered");
+  }
+}
+
+TEST_F(GrpcTls, APairIsTakenWhenBothFilesAreThere) {
+  GrpcTlsFiles files = authority.issue("server", "127.0.0.1");
+  files.caFile.clear();
+  serve(files, {"127.0.0.1:0", "127.0.0.1:0"});
+  const std::string before = tolvar_test::fileFingerprint(files.certFile);
+  const GrpcTlsFiles next = authority.issue("next", "127.0.0.1");
+  const std::string after = tolvar_test::fileFingerprint(next.certFile);
+
+  std::filesystem::rename(next.keyFile, files.keyFile);
+  EXPECT_THAT(reports.next(), AllOf(HasSubstr(files.keyFile), HasSubstr("does not belong")));
+  for (const int port : server->ports())
+    EXPECT_EQ(tolvar_test::shownFingerprint(loopback(port)), before);
+  EXPECT_EQ(call(trusting(authority)), "answered");
+
+  std::filesystem::rename(next.certFile, files.certFile);
+  EXPECT_EQ(reports.next(), "taken");
+  for (const int port : server->ports())
+    EXPECT_EQ(tolvar_test::shownFingerprint(loopback(port)), after);
+  EXPECT_EQ(call(trusting(authority)), "answered");
+}
+
+TEST_F(GrpcTls, ConnectionsThatStandAreKeptWhenTheCertificateChanges) {
+  GrpcTlsFiles files = authority.issue("server", "127.0.0.1");
+  files.caFile.clear();
+  serve(files);
+  Caller connected(address(), trusting(authority));
+  ASSERT_EQ(connected.call(), "answered");
+  TestAuthority stranger("stranger");
+  const GrpcTlsFiles next = stranger.issue("next", "127.0.0.1");
+  std::filesystem::rename(next.keyFile, files.keyFile);
+  std::filesystem::rename(next.certFile, files.certFile);
+  while (reports.next().find("does not belong") != std::string::npos) {
+  }
+  EXPECT_EQ(call(trusting(stranger)), "answered");
+  EXPECT_THAT(call(trusting(authority)), HasSubstr("certificate verify failed"));
+  EXPECT_EQ(connected.call(), "answered");
+}
+
+TEST_F(GrpcTls, AClientWhoseFileIsEmptiedGoesOnWithWhatItHeld) {
+  const GrpcTlsFiles own = authority.issue("server", "127.0.0.1");
+  serve(own);
+  const std::string address = this->address();
+  const GrpcTlsFiles files = authority.issue("client", "client.example");
+  Caller client(address, files);
+  ASSERT_EQ(client.call(), "answered");
+  tolvar_test::writeFile(files.certFile, "");
+  server.reset();
+  EXPECT_THAT(client.callUntil(files.certFile),
+              AllOf(HasSubstr("UNAVAILABLE"), HasSubstr(files.certFile + " is empty")));
+  serve(own, {address});
+  EXPECT_EQ(client.callUntil("answered"), "answered");
+}
+
+TEST_F(GrpcTls, AClientTakesAnotherCertificate) {
+  TestAuthority stranger("stranger");
+  GrpcTlsFiles own = authority.issue("server", "127.0.0.1");
+  own.caFile = stranger.caFile();
+  serve(own);
+  const GrpcTlsFiles files = authority.issue("client", "client.example");
+  Caller client(address(), files);
+  EXPECT_THAT(client.call(), HasSubstr("UNAVAILABLE"));
+  const GrpcTlsFiles next = stranger.issue("client", "client.example");
+  std::filesystem::rename(next.keyFile, files.keyFile);
+  EXPECT_THAT(client.callUntil("does not belong"),
+              AllOf(HasSubstr("UNAVAILABLE"), HasSubstr(files.keyFile)));
+  std::filesystem::rename(next.certFile, files.certFile);
+  EXPECT_EQ(client.callUntil("answered"), "answered");
+}
+
+TEST_F(GrpcTls, FilesThatAClientCannotUseAreNamed) {
+  GrpcTlsFiles files = authority.issue("client", "client.example");
+  files.keyFile = authority.issue("other", "client.example").keyFile;
+  const auto connect = [&] { Caller client("127.0.0.1:1", files); };
+  EXPECT_THAT(connect, testing::ThrowsMessage<qel::ZU_Exception>(HasSubstr(files.keyFile)));
+  files.caFile.clear();
+  EXPECT_THAT(connect, testing::ThrowsMessage<qel::ZU_Exception>(HasSubstr("needs a CA file")));
 }
 
 TEST_F(GrpcTls, FilesThatCannotServeAreNamed) {

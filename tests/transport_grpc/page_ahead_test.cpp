@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <grpcpp/create_channel.h>
 
 #include <atomic>
 #include <chrono>
@@ -134,8 +133,9 @@ TEST_F(PageAhead, AnotherQuestionGetsItsOwnAnswer) {
 
 TEST_F(PageAhead, AThreadThatEndedForWantOfWorkStartsAgain) {
   tolvar::CallRegistry registry;
-  tolvar::Endpoint endpoint(
-      server.address(), grpc::CreateChannel(server.address(), grpc::InsecureChannelCredentials()));
+  tolvar::Endpoint endpoint(server.address(),
+                            std::make_shared<tolvar::ClientCredentials>(std::nullopt),
+                            std::make_shared<tolvar::GrpcOptions>());
   tolvar::PageAhead ahead(registry, registry.newFamily(), tolvar::kDownloadPageMethod,
                           milliseconds(0));
   EXPECT_EQ(ahead.threadStarts(), 0u);

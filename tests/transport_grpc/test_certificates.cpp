@@ -22,27 +22,29 @@ void run(const std::string& command) {
   if (!text.ends_with("done\n")) throw std::runtime_error(command + ": " + text);
 }
 
-constexpr const char* kKey = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes ";
-
 }  // namespace
 
 TestAuthority::TestAuthority(const std::string& name) {
-  run(std::string("openssl req -x509 ") + kKey + "-days 2 -subj /CN=" + name + " -keyout " +
-      _directory.file("ca.key") + " -out " + caFile() +
+  run(std::string("openssl req -x509 -nodes -newkey ") + kStrong + " -days 2 -subj /CN=" + name +
+      " -keyout " + _directory.file("ca.key") + " -out " + caFile() +
       " -addext keyUsage=critical,keyCertSign,cRLSign");
 }
 
 tolvar::GrpcTlsFiles TestAuthority::issue(const std::string& label, const std::string& host,
-                                          int days) {
+                                          int days, const std::string& algorithm) {
   const std::string base = _directory.file(label);
   const std::string kind = host == "127.0.0.1" ? "IP:" : "DNS:";
   writeFile(base + ".ext", "subjectAltName=" + kind + host + "\n");
-  run(std::string("openssl req -new ") + kKey + "-subj /CN=" + label + " -keyout " + base +
+  run("openssl req -new -nodes -newkey " + algorithm + " -subj /CN=" + label + " -keyout " + base +
       ".key -out " + base + ".csr");
   run("openssl x509 -req -days " + std::to_string(days) + " -in " + base + ".csr -CA " + caFile() +
       " -CAkey " + _directory.file("ca.key") + " -CAcreateserial -extfile " + base + ".ext -out " +
       base + ".pem");
   return {caFile(), base + ".pem", base + ".key", std::chrono::seconds(1)};
+}
+
+std::string encryptedKey(const std::string& keyFile) {
+  return outputOf("openssl pkey -aes256 -passout pass:secret -in " + keyFile);
 }
 
 std::string shownFingerprint(const std::string& address) {

@@ -17,13 +17,19 @@ class TestAuthority {
   std::string caFile() const { return _directory.file("ca.pem"); }
 
   /// A certificate for `host` (a name, or "127.0.0.1") and its key; `label` tells them apart, a
-  /// negative `days` makes one that has expired. The CA file of the answer is this authority's, the
-  /// reload interval 1 s.
-  tolvar::GrpcTlsFiles issue(const std::string& label, const std::string& host, int days = 2);
+  /// negative `days` makes one that has expired, `algorithm` is as `openssl req -newkey` takes it.
+  /// The CA file of the answer is this authority's, the reload interval 1 s.
+  tolvar::GrpcTlsFiles issue(const std::string& label, const std::string& host, int days = 2,
+                             const std::string& algorithm = kStrong);
 
  private:
+  static constexpr const char* kStrong = "ec -pkeyopt ec_paramgen_curve:prime256v1";
+
   TempDir _directory;
 };
+
+/// The same key under a password.
+std::string encryptedKey(const std::string& keyFile);
 
 /// SHA-256 fingerprint of the certificate that a TLS server shows.
 std::string shownFingerprint(const std::string& address);

@@ -67,6 +67,7 @@ class RunningCall {
 bool RunningCall::tryServer(Endpoint& server, std::size_t serversLeft) {
   const milliseconds left = remaining();
   if (left.count() == 0 && !_last.ok()) fail();
+  server.followCredentials();
   const bool wasReady = server.isReady();
   // A server that has no connection yet leaves time for the others.
   const milliseconds limit = wasReady ? left : left / static_cast<int>(serversLeft);
@@ -152,6 +153,9 @@ void RunningCall::fail() const {
   } else if (!_lastConnected && cause.ends_with("Socket closed")) {
     cause += " (the server hung up: it may want TLS, or a client certificate that it trusts)";
   }
+  if (const std::string refusal = _lastServer->credentialsRefusal();
+      !_lastConnected && !refusal.empty())
+    cause += "; connections are made with the TLS files as they were before: " + refusal;
   throw qel::ZU_Exception(_plan.operation + " at " + _lastServer->address() + ": " + status +
                           " after " + std::to_string(elapsed().count()) + " ms: " + cause);
 }

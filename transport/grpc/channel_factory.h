@@ -10,7 +10,7 @@
 
 namespace tolvar {
 
-/// A channel to one endpoint; does not connect. `credentials` come from `clientCredentials`, or are
+/// A channel to one endpoint; does not connect. `credentials` come from ClientCredentials, or are
 /// insecure ones. Any thread.
 std::shared_ptr<grpc::Channel> makeChannel(
     const std::string& endpoint, const std::shared_ptr<grpc::ChannelCredentials>& credentials,

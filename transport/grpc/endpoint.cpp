@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "transport/grpc/channel_factory.h"
+
 namespace tolvar {
 namespace {
 
@@ -15,13 +17,34 @@ constexpr milliseconds kHastenEvery{500};
 
 }  // namespace
 
-Endpoint::Endpoint(std::string address, std::shared_ptr<grpc::Channel> channel)
-    : _address(std::move(address)), _channel(std::move(channel)) {}
+Endpoint::Endpoint(std::string address, std::shared_ptr<ClientCredentials> credentials,
+                   std::shared_ptr<const GrpcOptions> options)
+    : _address(std::move(address)),
+      _credentials(std::move(credentials)),
+      _options(std::move(options)) {
+  openChannel(_credentials->current());
+}
 
-bool Endpoint::isReady() const { return _channel->GetState(false) == GRPC_CHANNEL_READY; }
+void Endpoint::openChannel(std::shared_ptr<grpc::ChannelCredentials> credentials) {
+  _channel = makeChannel(_address, credentials, *_options);
+  _used = std::move(credentials);
+}
+
+std::shared_ptr<grpc::Channel> Endpoint::channel() const {
+  const std::lock_guard lock(_mutex);
+  return _channel;
+}
+
+void Endpoint::followCredentials() {
+  std::shared_ptr<grpc::ChannelCredentials> now = _credentials->current();
+  const std::lock_guard lock(_mutex);
+  if (now != _used && _channel->GetState(false) != GRPC_CHANNEL_READY) openChannel(std::move(now));
+}
+
+bool Endpoint::isReady() const { return channel()->GetState(false) == GRPC_CHANNEL_READY; }
 
 bool Endpoint::knownDown() const {
-  const grpc_connectivity_state state = _channel->GetState(false);
+  const grpc_connectivity_state state = channel()->GetState(false);
   if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) return true;
   const std::lock_guard lock(_mutex);
   if (!_failed) return false;
@@ -30,11 +53,13 @@ bool Endpoint::knownDown() const {
 }
 
 void Endpoint::probe(milliseconds limit) {
+  followCredentials();
+  const std::shared_ptr<grpc::Channel> probed = channel();
   const auto until = system_clock::now() + limit;
   for (;;) {
-    const grpc_connectivity_state state = _channel->GetState(true);
+    const grpc_connectivity_state state = probed->GetState(true);
     if (state != GRPC_CHANNEL_IDLE && state != GRPC_CHANNEL_CONNECTING) return;
-    if (!_channel->WaitForStateChange(state, until)) return;
+    if (!probed->WaitForStateChange(state, until)) return;
   }
 }
 
@@ -57,7 +82,7 @@ void Endpoint::hastenReconnect() {
     _hastenedAt = now;
   }
   // Name resolution backs off up to minutes and takes no setting of its own.
-  grpc::experimental::ChannelResetConnectionBackoff(_channel.get());
+  grpc::experimental::ChannelResetConnectionBackoff(channel().get());
 }
 
 }  // namespace tolvar

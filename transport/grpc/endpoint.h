@@ -7,6 +7,9 @@
 #include <mutex>
 #include <string>
 
+#include "transport/grpc/client_credentials.h"
+#include "transport/grpc/grpc_options.h"
+
 namespace tolvar {
 
 /// One server of the service: its address, its connection, and what is known of its health.
@@ -15,10 +18,21 @@ class Endpoint {
  public:
   using SteadyTime = std::chrono::steady_clock::time_point;
 
-  Endpoint(std::string address, std::shared_ptr<grpc::Channel> channel);
+  /// Does not connect.
+  Endpoint(std::string address, std::shared_ptr<ClientCredentials> credentials,
+           std::shared_ptr<const GrpcOptions> options);
 
   const std::string& address() const noexcept { return _address; }
-  const std::shared_ptr<grpc::Channel>& channel() const noexcept { return _channel; }
+
+  /// What calls are made with; calls under way keep theirs when it is replaced.
+  std::shared_ptr<grpc::Channel> channel() const;
+
+  /// Before a call: when the credentials have changed, and no connection stands, the next one is
+  /// made with the new ones. One that stands is kept, as long as it lasts.
+  void followCredentials();
+
+  /// Why changed TLS files are not used for connections; empty when they are, or have not changed.
+  std::string credentialsRefusal() const { return _credentials->refusal(); }
 
   bool isReady() const;
 
@@ -38,11 +52,16 @@ class Endpoint {
   void hastenReconnect();
 
  private:
+  void openChannel(std::shared_ptr<grpc::ChannelCredentials> credentials);
+
   const std::string _address;
-  const std::shared_ptr<grpc::Channel> _channel;
+  const std::shared_ptr<ClientCredentials> _credentials;
+  const std::shared_ptr<const GrpcOptions> _options;
 
   mutable std::mutex _mutex;
   // Guarded by _mutex.
+  std::shared_ptr<grpc::ChannelCredentials> _used;  ///< by the channel
+  std::shared_ptr<grpc::Channel> _channel;
   bool _failed = false;
   SteadyTime _failedAt{};
   SteadyTime _hastenedAt{};

@@ -1,11 +1,10 @@
 #include "transport/grpc/grpc_communicator.h"
 
 #include "platform/exception.h"
-#include "transport/grpc/channel_factory.h"
+#include "transport/grpc/client_credentials.h"
 #include "transport/grpc/endpoint_set.h"
 #include "transport/grpc/grpc_proxies.h"
 #include "transport/grpc/page_request.h"
-#include "transport/grpc/tls_files.h"
 
 namespace tolvar {
 namespace {
@@ -32,15 +31,11 @@ GrpcOptions checked(GrpcOptions options) {
   return options;
 }
 
-std::shared_ptr<grpc::ChannelCredentials> credentialsFor(const GrpcOptions& options) {
-  return options.tls ? clientCredentials(*options.tls) : grpc::InsecureChannelCredentials();
-}
-
 }  // namespace
 
 GrpcCommunicator::GrpcCommunicator(GrpcOptions options)
     : _core(std::make_shared<GrpcCore>(checked(std::move(options)))),
-      _credentials(credentialsFor(_core->options)) {}
+      _credentials(std::make_shared<ClientCredentials>(_core->options.tls)) {}
 
 GrpcCommunicator::~GrpcCommunicator() { end(); }
 
@@ -78,8 +73,8 @@ std::shared_ptr<const EndpointSet> GrpcCommunicator::resolve(const std::string& 
 std::shared_ptr<Endpoint> GrpcCommunicator::endpointAt(const std::string& address) {
   std::shared_ptr<Endpoint>& endpoint = _endpoints[address];
   if (!endpoint)
-    endpoint =
-        std::make_shared<Endpoint>(address, makeChannel(address, _credentials, _core->options));
+    endpoint = std::make_shared<Endpoint>(
+        address, _credentials, std::shared_ptr<const GrpcOptions>(_core, &_core->options));
   return endpoint;
 }
 

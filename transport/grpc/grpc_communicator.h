@@ -8,12 +8,9 @@
 #include "remote/communicator.h"
 #include "transport/grpc/grpc_options.h"
 
-namespace grpc {
-class ChannelCredentials;
-}
-
 namespace tolvar {
 
+class ClientCredentials;
 class Endpoint;
 class EndpointSet;
 struct GrpcCore;
@@ -27,6 +24,10 @@ struct GrpcCore;
 /// When the bytes of a page have arrived, the next page of the same download is asked for and read
 /// by a thread of its own while this one is decoded; see PageAhead. A proxy and those it selected
 /// hold one such page at most; it goes with the last of them, and with `cancelCalls` and `end`.
+///
+/// Changed TLS files are noticed by the call after their reload interval, and used for the next
+/// connection; one that stands is kept. While they cannot be used, connections are made as before,
+/// and a call that finds none says which file it is and what is wrong.
 ///
 /// All operations may be called from any thread. Proxies may outlive the communicator; their calls
 /// then fail at once.
@@ -55,7 +56,7 @@ class GrpcCommunicator : public qel::Communicator {
   std::shared_ptr<Endpoint> endpointAt(const std::string& address);
 
   const std::shared_ptr<GrpcCore> _core;
-  const std::shared_ptr<grpc::ChannelCredentials> _credentials;
+  const std::shared_ptr<ClientCredentials> _credentials;
 
   std::mutex _mutex;
   // Guarded by _mutex.

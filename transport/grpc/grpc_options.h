@@ -11,7 +11,9 @@
 namespace tolvar {
 
 /// Files of an encrypted connection, PEM. They are read again when they change (noticed within
-/// `reloadInterval`); replace them by renaming, so that no half-written one is read.
+/// `reloadInterval`). What cannot be used (an empty or damaged file, a key that is not the
+/// certificate's) is not taken, and what was read before stays: so the files may be replaced one
+/// after the other. Files of at most 1 MiB; the key is not encrypted.
 struct GrpcTlsFiles {
   std::string caFile;    ///< authorities that the peer's certificate must come from
   std::string certFile;  ///< own certificate chain; empty (client only): show none

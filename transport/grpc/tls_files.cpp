@@ -1,80 +1,93 @@
 #include "transport/grpc/tls_files.h"
 
-#include <grpcpp/security/tls_certificate_provider.h>
-#include <grpcpp/security/tls_credentials_options.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <string>
+#include <utility>
 
 #include "platform/exception.h"
+#include "transport/grpc/pem_check.h"
 
 namespace tolvar {
 namespace {
 
-using grpc::experimental::FileWatcherCertificateProvider;
+constexpr std::size_t kMaxPemBytes = 1048576;
 
-constexpr std::streamsize kMaxPemBytes = 1048576;
-
-std::string readPem(const std::string& role, const std::string& path) {
+/// A file of at most kMaxPemBytes.
+std::string readText(const std::string& name, const std::string& path) {
+  // One that is written by whoever reads it would hold up the reader, now or at the next look.
+  std::error_code ignored;
+  if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored))
+    throw qel::ZU_Exception(name + " is no regular file, but is read again and again; give one");
   errno = 0;
   std::ifstream in(path, std::ios::binary);
-  if (!in) throw qel::ZU_Exception("cannot read the " + role + " file " + path, errno);
-  std::string text(kMaxPemBytes, '\0');
-  in.read(text.data(), kMaxPemBytes);
-  if (in.bad()) throw qel::ZU_Exception("cannot read the " + role + " file " + path, errno);
+  if (!in) throw qel::ZU_Exception("cannot read " + name, errno);
+  std::string text(kMaxPemBytes + 1, '\0');
+  in.read(text.data(), static_cast<std::streamsize>(text.size()));
+  if (in.bad()) throw qel::ZU_Exception("cannot read " + name, errno);
   text.resize(static_cast<std::size_t>(in.gcount()));
+  if (text.size() > kMaxPemBytes)
+    throw qel::ZU_Exception(name + " is larger than " + std::to_string(kMaxPemBytes) +
+                            " bytes; give only the certificates that are needed");
   return text;
 }
 
-/// The transport only logs a bad file and then fails every connection; here it is named at once.
-void checkPem(const std::string& role, const std::string& path, const std::string& ending) {
-  const std::string text = readPem(role, path);
-  if (text.find("-----BEGIN ") == std::string::npos ||
-      text.find(ending + "-----") == std::string::npos)
-    throw qel::ZU_Exception("the " + role + " file " + path + " holds no PEM block \"" + ending +
-                            "\"");
+PemFile readPem(const std::string& role, const std::string& path) {
+  const std::string name = "the " + role + " file " + path;
+  return {name, readText(name, path)};
 }
 
-void checkIdentity(const GrpcTlsFiles& files) {
+TlsTexts readTexts(const GrpcTlsFiles& files) {
   if (files.certFile.empty() != files.keyFile.empty())
     throw qel::ZU_Exception("a certificate and its key must be given together");
-  if (files.certFile.empty()) return;
-  checkPem("certificate", files.certFile, "CERTIFICATE");
-  checkPem("key", files.keyFile, "PRIVATE KEY");
-}
-
-std::shared_ptr<FileWatcherCertificateProvider> watch(const GrpcTlsFiles& files) {
-  const auto seconds = std::max<std::chrono::seconds::rep>(1, files.reloadInterval.count());
-  return std::make_shared<FileWatcherCertificateProvider>(
-      files.keyFile, files.certFile, files.caFile, static_cast<unsigned>(seconds));
+  TlsTexts texts;
+  if (!files.caFile.empty()) {
+    PemFile ca = readPem("CA", files.caFile);
+    checkCertificates(ca);
+    texts.ca = std::move(ca.text);
+  }
+  if (!files.certFile.empty()) {
+    PemFile cert = readPem("certificate", files.certFile);
+    PemFile key = readPem("key", files.keyFile);
+    checkPair(cert, key);
+    texts.cert = std::move(cert.text);
+    texts.key = std::move(key.text);
+  }
+  return texts;
 }
 
 }  // namespace
 
-std::shared_ptr<grpc::ChannelCredentials> clientCredentials(const GrpcTlsFiles& files) {
-  checkPem("CA", files.caFile, "CERTIFICATE");
-  checkIdentity(files);
-  grpc::experimental::TlsChannelCredentialsOptions options;
-  options.set_certificate_provider(watch(files));
-  options.watch_root_certs();
-  if (!files.certFile.empty()) options.watch_identity_key_cert_pairs();
-  return grpc::experimental::TlsCredentials(options);
+TlsFiles::TlsFiles(GrpcTlsFiles files)
+    : _files(std::move(files)), _texts(std::make_shared<TlsTexts>(readTexts(_files))) {}
+
+std::chrono::seconds TlsFiles::interval() const noexcept {
+  return std::max(std::chrono::seconds(1), _files.reloadInterval);
 }
 
-std::shared_ptr<grpc::ServerCredentials> serverCredentials(const GrpcTlsFiles& files) {
-  if (files.certFile.empty()) throw qel::ZU_Exception("a server with TLS needs a certificate");
-  checkIdentity(files);
-  if (!files.caFile.empty()) checkPem("CA", files.caFile, "CERTIFICATE");
-  grpc::experimental::TlsServerCredentialsOptions options(watch(files));
-  options.watch_identity_key_cert_pairs();
-  if (!files.caFile.empty()) {
-    options.watch_root_certs();
-    options.set_cert_request_type(GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
+bool TlsFiles::look() {
+  std::shared_ptr<const TlsTexts> found;
+  std::string refusal;
+  try {
+    found = std::make_shared<TlsTexts>(readTexts(_files));
+  } catch (const std::exception& error) {
+    refusal = error.what();
   }
-  return grpc::experimental::TlsServerCredentials(options);
+  const std::lock_guard lock(_mutex);
+  const bool isNew = found && *found != *_texts;
+  if (isNew) _texts = std::move(found);
+  return std::exchange(_refusal, refusal) != refusal || isNew;
+}
+
+std::shared_ptr<const TlsTexts> TlsFiles::texts() const {
+  const std::lock_guard lock(_mutex);
+  return _texts;
+}
+
+std::string TlsFiles::refusal() const {
+  const std::lock_guard lock(_mutex);
+  return _refusal;
 }
 
 }  // namespace tolvar

@@ -89,6 +89,13 @@ void logCall(EventLog& log, const GrpcCallRecord& call) {
   }
 }
 
+void logTlsFiles(EventLog& log, const std::string& certFile, const std::string& refusal) {
+  if (refusal.empty())
+    log.info("tls_files_served", {{"cert", certFile}});
+  else
+    log.warn("tls_files_refused", {{"cert", certFile}, {"cause", refusal}});
+}
+
 /// Waits for a signal; 0 after a second without one.
 int awaitSignal(const sigset_t& signals) {
   const timespec second{1, 0};
@@ -166,6 +173,9 @@ ExitStatus ServeCommand::run() {
 
   GrpcServerOptions options = serverOptions();
   if (_verbose) options.onCall = [&log](const GrpcCallRecord& call) { logCall(log, call); };
+  options.onTlsFiles = [&](const std::string& refusal) {
+    logTlsFiles(log, _tls.certFile, refusal);
+  };
   options.onConnectionsFull = [&log](const ConnectionShortage& shortage) {
     log.warn("connections_full", {{"limit", shortage.limit}, {"hint", shortage.hint}});
   };

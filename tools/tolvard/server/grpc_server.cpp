@@ -17,8 +17,8 @@
 
 #include "platform/exception.h"
 #include "tolvar.grpc.pb.h"
+#include "tools/tolvard/server/server_credentials.h"
 #include "tools/tolvard/server/service_handlers.h"
-#include "transport/grpc/tls_files.h"
 
 namespace tolvar {
 namespace {
@@ -134,6 +134,7 @@ struct GrpcServer::State {
   std::unique_ptr<grpc::Service> main;
   std::unique_ptr<grpc::Service> fast;
   std::vector<int> ports;
+  std::shared_ptr<grpc::ServerCredentials> credentials;  // asked until the server is destroyed
   std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> transport;
   std::unique_ptr<grpc::Server> server;
   // Hands connections to both of the above.
@@ -181,8 +182,8 @@ void GrpcServer::State::listen() {
   grpc::ServerBuilder builder;
   limitResources(builder, options);
   configureConnections(builder);
-  const auto credentials =
-      options.tls ? serverCredentials(*options.tls) : grpc::InsecureServerCredentials();
+  credentials = options.tls ? serverCredentials(*options.tls, options.onTlsFiles)
+                            : grpc::InsecureServerCredentials();
   // The library's own listening ends for good with the first error, a lack of descriptors included.
   transport = builder.experimental().AddExternalConnectionAcceptor(
       grpc::ServerBuilder::experimental_type::ExternalConnectionType::FROM_FD, credentials);

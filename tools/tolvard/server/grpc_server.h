@@ -37,6 +37,11 @@ struct GrpcServerOptions {
   /// Encryption. With a CA file, clients must show a certificate from it.
   std::optional<GrpcTlsFiles> tls;
 
+  /// Called when the files of `tls` have changed, from a thread of the server's: with an empty text
+  /// when they are used from now on, else with why they are not. Quick, no exceptions. May be
+  /// empty.
+  std::function<void(const std::string& refusal)> onTlsFiles;
+
   /// Which of the two objects are served here.
   bool serveMain = true;
   bool serveFast = true;
