@@ -33,6 +33,8 @@ function(tolvar_library name)
   add_library(${name} STATIC ${arg_SOURCES})
   target_link_libraries(${name} PUBLIC ${arg_LINKS} PRIVATE tolvar_options)
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  # The headers need it, so whoever links a layer gets it, whatever a project around this one says.
+  target_compile_features(${name} PUBLIC cxx_std_20)
   if(TOLVAR_SANITIZE)
     target_link_options(${name} PUBLIC -fsanitize=${TOLVAR_SANITIZE})
   endif()

@@ -44,14 +44,18 @@ struct TolvarStatus {
   bool ipReady = false;             ///< the IP table answers
   bool codesReady = false;          ///< the code tables answer
   bool fromImage = false;           ///< the start found a complete image in shared memory
+  std::string imageDigest;          ///< of the IP table in that image, empty without one
   std::string digest;               ///< of the IP table held, "0" before the first
   std::size_t ranges = 0;           ///< ranges that lookups search
   std::size_t codeEntries = 0;      ///< names in all eight code tables
   std::int64_t downloadMillis = 0;  ///< from arming the last full download to its last page
   std::int64_t publishMillis = 0;   ///< writing the last download into both segments
   std::uint64_t publications = 0;   ///< downloads written into both segments
-  std::time_t lastCheck = 0;        ///< wall time of the last answered change check, 0 before it
-  std::time_t lastPublished = 0;    ///< wall time at which this process last took over a table
+  /// Downloads of the code tables whose names answer. One comes with every download of the IP
+  /// table, before or after it: after both, ids and names are of one version.
+  std::uint64_t codePublications = 0;
+  std::time_t lastCheck = 0;      ///< wall time of the last answered change check, 0 before it
+  std::time_t lastPublished = 0;  ///< wall time at which this process last took over a table
   /// Something failed and has not succeeded since: the start, its configuration or shared memory, a
   /// change check, the download, the code tables. The client tries all but the start again.
   bool failing = false;
@@ -139,6 +143,8 @@ class TolvarAPI : public qel::ZU_Thread,
   TolvarStatus status() const;
 
   // --- Lookups: any thread, no lock -------------------------------------------------------------
+  //
+  // What they write into (`info`, `msg`, `out`, `infos`, `found`) must not be null.
 
   /// Ids of the range that holds `ip` (host order). False, and `*info` untouched, when none does.
   /// Allocates nothing, calls nothing of the operating system.

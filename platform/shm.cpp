@@ -14,8 +14,13 @@ namespace {
 constexpr int kMode = 0660;
 
 [[noreturn]] void fail(const char* call, key_t key, int error) {
+  const char* const help =
+      error == EACCES ? ", whose segment belongs to another user; run as that user or as root, or "
+                        "use other keys"
+                      : "";
   throw ZU_Exception(
-      "[ZU_Shm::init]: " + std::string(call) + " failed for key " + std::to_string(key), error);
+      "[ZU_Shm::init]: " + std::string(call) + " failed for key " + std::to_string(key) + help,
+      error);
 }
 
 }  // namespace

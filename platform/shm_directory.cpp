@@ -56,7 +56,8 @@ bool processMaps(const std::filesystem::path& directory, int segmentId) {
 
 }  // namespace
 
-std::vector<ShmRecord> listSegments() {
+std::vector<ShmRecord> listSegments(std::size_t* refused) {
+  std::size_t others = 0;
   shm_info usage{};
   const int highest = systemCalls().shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&usage));
   if (highest < 0) throw ZU_Exception("[listSegments]: shmctl failed", errno);
@@ -64,12 +65,16 @@ std::vector<ShmRecord> listSegments() {
   for (int index = 0; index <= highest; ++index) {
     shmid_ds data{};
     const int id = systemCalls().shmctl(index, SHM_STAT, &data);
-    if (id < 0) continue;  // an empty slot, or none of this user's business
+    if (id < 0) {  // an empty slot, or none of this user's business
+      if (errno == EACCES) ++others;
+      continue;
+    }
     const ShmRecord record = recordOf(id, data);
     if (record.key != IPC_PRIVATE) found.push_back(record);
   }
   std::sort(found.begin(), found.end(),
             [](const ShmRecord& a, const ShmRecord& b) { return a.key < b.key; });
+  if (refused != nullptr) *refused = others;
   return found;
 }
 

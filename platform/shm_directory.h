@@ -26,9 +26,9 @@ struct ShmRecord {
 };
 
 /// All segments on the host that still have a key, by ascending key; those whose record this user
-/// may not see are left out. Attaches to nothing. Any thread. Throws ZU_Exception when the system
-/// refuses altogether.
-std::vector<ShmRecord> listSegments();
+/// may not see are left out, and counted in `*refused`. Attaches to nothing. Any thread. Throws
+/// ZU_Exception when the system refuses altogether.
+std::vector<ShmRecord> listSegments(std::size_t* refused = nullptr);
 
 /// The segment behind `key`; nothing when there is none. Throws ZU_Exception when it cannot be
 /// looked at.

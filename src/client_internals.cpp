@@ -42,6 +42,7 @@ void ClientInternals::publishCodes(const CodeMaps& maps) noexcept {
   std::lock_guard<std::mutex> hold(statusMutex);
   status.codesReady = true;
   status.codeEntries = entriesOf(maps);
+  ++status.codePublications;
 }
 
 void ClientInternals::buildAll(std::shared_ptr<const RangeIndex> ranges,
@@ -60,8 +61,9 @@ void ClientInternals::publishBuilt(std::size_t ranges, const CodeMaps& maps) {
   status.lastPublished = clock.time();
 }
 
-void ClientInternals::noteDigest(const std::string& digest) {
+void ClientInternals::noteImageDigest(const std::string& digest) {
   std::lock_guard<std::mutex> hold(statusMutex);
+  status.imageDigest = digest;
   status.digest = digest;
 }
 

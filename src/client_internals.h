@@ -64,7 +64,8 @@ struct ClientInternals {
   /// Publishes what buildAll made of an index of `ranges` ranges and the names of `maps`.
   void publishBuilt(std::size_t ranges, const CodeMaps& maps);
 
-  void noteDigest(const std::string& digest);
+  /// Notes the digest of ranges found in shared memory.
+  void noteImageDigest(const std::string& digest);
 
   qel::Clock& clock;
 

@@ -81,7 +81,7 @@ void TolvarAPI::takeDigest(const std::string& digest, std::size_t ranges) {
     Lock hold(*this);
     m_cltMd5 = digest;
   }
-  m_internals->noteDigest(digest);
+  m_internals->noteImageDigest(digest);
   TOLVAR_LOG(kLogDebug, __LINE__,
              "ip_size=" << ranges << ", mem_len=" << 36 * ranges << ", md5=" << digest);
 }

@@ -56,6 +56,24 @@ TEST(ShmDirectory, ListsSegmentsByAscendingKey) {
                             [&](const auto& record) { return record.id == shm->id(); }));
 }
 
+TEST(ShmDirectory, CountsSegmentsThatThisUserMayNotSee) {
+  const ShmKeys keys;
+  qel::ZU_Shm shm;
+  shm.init(100, keys.data0());
+  static int refusedId;
+  refusedId = shm.id();
+  SystemCallsGuard guard;
+  guard.calls().shmctl = [](int id, int command, shmid_ds* data) {
+    const int found = ::shmctl(id, command, data);
+    if (command != SHM_STAT || found != refusedId) return found;
+    errno = EACCES;
+    return -1;
+  };
+  std::size_t refused = 0;
+  for (const qel::ShmRecord& record : qel::listSegments(&refused)) EXPECT_NE(record.id, refusedId);
+  EXPECT_GE(refused, 1u);
+}
+
 TEST(ShmDirectory, ARefusalIsAnExceptionThatNamesTheKey) {
   const ShmKeys keys;
   qel::ZU_Shm shm;

@@ -87,6 +87,8 @@ TEST_F(ShmFault, ShmatOnAnExistingSegmentLeavesItAlone) {
   const ZU_Exception failure = initFailure(segment, keys.data0());
   EXPECT_EQ(std::string(failure.what()), "[ZU_Shm::init]: shmat failed for key " +
                                              std::to_string(keys.data0()) +
+                                             ", whose segment belongs to another user; run as that "
+                                             "user or as root, or use other keys"
                                              " (errno 13: Permission denied)");
   expectEmpty(segment);
   EXPECT_TRUE(exists(keys.data0()));
@@ -115,6 +117,8 @@ TEST_F(ShmFault, AnUnreadableSizeDetachesAndReports) {
   const ZU_Exception failure = initFailure(segment, keys.data0());
   EXPECT_EQ(std::string(failure.what()), "[ZU_Shm::init]: shmctl failed for key " +
                                              std::to_string(keys.data0()) +
+                                             ", whose segment belongs to another user; run as that "
+                                             "user or as root, or use other keys"
                                              " (errno 13: Permission denied)");
   expectEmpty(segment);
   EXPECT_EQ(detached, 1);

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/shm_keys.h"
+#include "tests/support/temp_dir.h"
+#include "tests/tolvard/child_process.h"
 #include "tests/tolvard/serve_fixture.h"
+#include "tests/transport_grpc/test_ports.h"
 
 namespace tolvar_test {
 namespace {
@@ -61,6 +64,29 @@ TEST_F(LookupOverNetwork, OneOfTwoEndpointsIsEnough) {
   const ToolRun run =
       lookup({"--service", "127.0.0.1:1", "--service", service.address(), "8.8.8.8"});
   EXPECT_EQ(run.exitStatus, 0) << run.err;
+}
+
+TEST_F(LookupOverNetwork, AStartThatTakesLongSaysWhomItWaitsForAndWhy) {
+  const DeadPort refusing;
+  ChildProcess client({"/bin/sh", "-c",
+                       std::string("exec ") + TOLVAR_TOOL + " lookup --service " +
+                           refusing.address() + " 8.8.8.8 2>&1"});
+  client.awaitLine("tolvar: no answer from " + refusing.address() +
+                   " yet; waiting for up to half a minute");
+  client.awaitLine("tolvar: still waiting: configuration: getConf at " + refusing.address());
+}
+
+TEST_F(LookupOverNetwork, TheExampleAnswersFromTheTableOfTheService) {
+  import(TOLVAR_SAMPLE);
+  const ShmKeys keys;
+  const WorkingDirectory workplace;
+  const TolvardProcess service(database());
+  const ToolRun run = runTool(
+      TOLVAR_EXAMPLE, {service.address(), std::to_string(keys.data0()), "8.8.8.8", "77.7.7.7"});
+  EXPECT_EQ(run.exitStatus, 0) << run.err;
+  EXPECT_EQ(run.out,
+            "8.8.8.8: United States\n"
+            "77.7.7.7: not found\n");
 }
 
 TEST_F(LookupOverNetwork, TableAndServiceExcludeEachOtherAndOneIsNeeded) {

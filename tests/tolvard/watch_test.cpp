@@ -167,6 +167,16 @@ TEST_F(Watch, AReaderThatHasSeenEnoughEndsIt) {
   EXPECT_EQ(fieldOf(run.out, "ready"), "no");
 }
 
+TEST_F(Watch, OutputThatIsLostEndsItWithStatusTwo) {
+  for (const char* more : {"", " --until-digest 00000000"}) {
+    const ToolRun run = tolvar_test::runTool(
+        "/bin/sh", {"-c", std::string(TOLVAR_TOOL) + " watch --service 127.0.0.1:1 --for 30" +
+                              more + " >/dev/full"});
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_EQ(run.err, "tolvar: standard output: No space left on device\n");
+  }
+}
+
 TEST_F(Watch, WithKeysTheImageStaysForOthers) {
   import(TOLVAR_SAMPLE);
   const ShmKeys keys;
@@ -192,7 +202,14 @@ TEST_F(Watch, FaultsInFlagsAreSaid) {
     EXPECT_EQ(run.exitStatus, 2);
     EXPECT_THAT(run.err, HasSubstr("is no digest"));
   }
-  EXPECT_EQ(runWatch({"--service", "127.0.0.1:1", "--for", "-1"}).exitStatus, 2);
+  for (const char* seconds : {"-1", "0", "nan", "inf", "1e10", "soon", ""}) {
+    const ToolRun run = runWatch({"--service", "127.0.0.1:1", "--for", seconds});
+    EXPECT_EQ(run.exitStatus, 2) << seconds;
+    EXPECT_THAT(run.err, HasSubstr("--for: ")) << seconds;
+  }
+  const ToolRun scale =
+      tolvar_test::runTool(TOLVAR_TOOL, {"watch", "--service", "127.0.0.1:1", "--time-scale", "0"});
+  EXPECT_THAT(scale.err, HasSubstr("--time-scale: \"0\" is no scale"));
   EXPECT_EQ(runWatch({"--service", "127.0.0.1:1", "--tls-ca", "no.pem"}).exitStatus, 2);
   const ToolRun keys = runWatch({"--service", "127.0.0.1:1", "--keys", "0,0,0"});
   EXPECT_EQ(keys.exitStatus, 2);

@@ -60,6 +60,48 @@ TEST(Lookup, ReadsAddressesFromStandardInput) {
   EXPECT_EQ(run.out.rfind("8.8.8.8 ", 0), 0u);
 }
 
+TEST(Lookup, ALineThatIsTooLongIsSaidAndTheNextOnesAreAnswered) {
+  const std::string vast(100000, 'x');
+  const std::string input = "# " + vast + "\n" + vast + "\n8.8.8.8\n";
+  const ToolRun run = lookup({"--table", TOLVAR_SAMPLE}, input);
+  EXPECT_EQ(run.exitStatus, 1);
+  EXPECT_EQ(run.out.rfind("line 2 is longer than 256 bytes and is no IPv4 address\n8.8.8.8 ", 0),
+            0u)
+      << run.out;
+  EXPECT_EQ(lines(run.out), 2u);
+  const ToolRun json = lookup({"--table", TOLVAR_SAMPLE, "--json"}, input);
+  const auto object = nlohmann::json::parse(json.out.substr(0, json.out.find('\n')));
+  EXPECT_TRUE(object["address"].is_null());
+  EXPECT_EQ(object["valid"], false);
+  EXPECT_EQ(object["problem"], "line 2 is longer than 256 bytes and is no IPv4 address");
+}
+
+/// Runs the tool in a shell, where its output can go elsewhere.
+ToolRun shell(const std::string& arguments) {
+  return runTool("/bin/sh", {"-c", std::string(TOLVAR_TOOL) + " " + arguments});
+}
+
+TEST(Output, WhatIsLostIsAFailure) {
+  const std::string table = std::string("--table ") + TOLVAR_SAMPLE;
+  for (const std::string& words :
+       {"lookup " + table + " 1.1.1.1", "lookup --json " + table + " 1.1.1.1",
+        "lookup " + table + " </usr/share/tor/geoip", std::string("shm ls"),
+        std::string("shm ls --json"), std::string("--help"), std::string("lookup --help"),
+        std::string("--version")}) {
+    const ToolRun run = shell(words + " >/dev/full");
+    EXPECT_EQ(run.exitStatus, 2) << words;
+    EXPECT_EQ(run.err, "tolvar: standard output: No space left on device\n") << words;
+  }
+}
+
+TEST(Output, AReaderThatHasSeenEnoughIsNoFailure) {
+  const ToolRun run =
+      shell(std::string("lookup --table ") + TOLVAR_SAMPLE +
+            " </usr/share/tor/geoip 2>&1 | head -n 1; " + TOLVAR_TOOL + " --help | head -n 1");
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(lines(run.out), 2u);
+}
+
 TEST(Lookup, PrintsOneJsonObjectALine) {
   const ToolRun run = lookup({"--table", TOLVAR_SAMPLE, "--json", "8.8.8.8", "x", "10.0.0.1"});
   EXPECT_EQ(run.exitStatus, 1);
@@ -122,16 +164,46 @@ TEST(Lookup, TimingGoesToStandardErrorAndAnswersStayClean) {
     EXPECT_NE(run.err.find(word), std::string::npos) << word;
 }
 
+std::string listOf(const ShmKeys& keys) {
+  return std::to_string(keys.data0()) + "," + std::to_string(keys.data1()) + "," +
+         std::to_string(keys.size());
+}
+
 TEST(Lookup, GivenKeysKeepTheImageForTheNextRun) {
   const ShmKeys keys;
-  const std::string list = std::to_string(keys.data0()) + "," + std::to_string(keys.data1()) + "," +
-                           std::to_string(keys.size());
-  EXPECT_EQ(lookup({"--table", TOLVAR_SAMPLE, "--keys", list, "8.8.8.8"}).exitStatus, 0);
+  EXPECT_EQ(lookup({"--table", TOLVAR_SAMPLE, "--keys", listOf(keys), "8.8.8.8"}).exitStatus, 0);
   EXPECT_GE(shmget(keys.data0(), 0, 0), 0);
   // Another table under the same keys answers from that table, not from the image found.
-  const ToolRun other = lookup({"--table", TOLVAR_COUNTRY_TABLE, "--keys", list, "193.0.6.139"});
+  const ToolRun other =
+      lookup({"--table", TOLVAR_COUNTRY_TABLE, "--keys", listOf(keys), "193.0.6.139"});
   EXPECT_EQ(other.exitStatus, 0);
   EXPECT_EQ(other.out, "193.0.6.139      Netherlands\n");
+}
+
+TEST(Lookup, TablesThatTakeTurnsUnderTheSameKeysAnswerWithTheirOwnNames) {
+  const ShmKeys keys;
+  const std::string sample = lookup({"--table", TOLVAR_SAMPLE, "8.8.8.8"}).out;
+  ASSERT_NE(sample.find("operator=Granite Backbone"), std::string::npos) << sample;
+  for (int turn = 0; turn < 2; ++turn) {
+    EXPECT_EQ(lookup({"--table", TOLVAR_SAMPLE, "--keys", listOf(keys), "8.8.8.8"}).out, sample);
+    EXPECT_EQ(lookup({"--table", TOLVAR_COUNTRY_TABLE, "--keys", listOf(keys), "8.8.8.8"}).out,
+              "8.8.8.8          United States\n");
+  }
+}
+
+TEST(Lookup, AnImageWithOtherNamesForTheSameRangesIsRefused) {
+  const ShmKeys keys;
+  const TempDir directory;
+  const auto run = [&](const std::string& oper) {
+    writeFile(directory.file("table.csv"), "start,end,oper\n1.0.0.0,1.0.0.9," + oper + "\n");
+    return lookup({"--table", directory.file("table.csv"), "--keys", listOf(keys), "1.0.0.1"});
+  };
+  EXPECT_EQ(run("Netz").exitStatus, 0);
+  EXPECT_EQ(run("Netz").exitStatus, 0);
+  const ToolRun other = run("Funk");
+  EXPECT_EQ(other.exitStatus, 2);
+  EXPECT_EQ(other.out, "");
+  EXPECT_NE(other.err.find("\"Netz\" instead of \"Funk\""), std::string::npos) << other.err;
 }
 
 TEST(Lookup, KeysThatAreZeroOrEqualAreRefused) {
@@ -152,6 +224,34 @@ TEST(Lookup, LogIsKeptWhereAskedFor) {
   const TempDir directory;
   EXPECT_EQ(lookup({"--table", TOLVAR_SAMPLE, "--log", directory.path(), "8.8.8.8"}).exitStatus, 0);
   EXPECT_TRUE(std::filesystem::exists(directory.file("Tolvar/API/Tolvar.API.log")));
+}
+
+TEST(Lookup, ALogThatCannotBeWrittenIsAFailureBeforeAnythingIsLookedUp) {
+  const TempDir directory;
+  writeFile(directory.file("file"), "");
+  const ToolRun run =
+      lookup({"--table", TOLVAR_SAMPLE, "--log", directory.file("file"), "8.8.8.8"});
+  EXPECT_EQ(run.exitStatus, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err,
+            "tolvar: --log: " + directory.file("file/Tolvar/API/Tolvar.API.log") +
+                " cannot be written; name another directory (errno 20: Not a directory)\n");
+}
+
+TEST(Lookup, AnAddressThatNoServiceCanHaveIsRefusedBeforeAnythingIsStarted) {
+  for (const char* address : {"127.0.0.1:116497", "localhost", ",,", ""}) {
+    const ToolRun run = lookup({"--service", address, "8.8.8.8"});
+    EXPECT_EQ(run.exitStatus, 2) << address;
+    EXPECT_NE(run.err.find("is no address; expected HOST:PORT"), std::string::npos) << run.err;
+  }
+}
+
+TEST(Help, EachCommandSaysWhatItsExitStatusMeans) {
+  EXPECT_NE(lookup({"--help"}).out.find("1 at least one was not or is no address"),
+            std::string::npos);
+  EXPECT_NE(shell("watch --help").out.find("1 a digest was waited for and did not come"),
+            std::string::npos);
+  EXPECT_EQ(shell("shm ls --help").out.find("digest"), std::string::npos);
 }
 
 /// Names of temporary directories of the tool.

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/tolvar/key_list.h"
+#include "tools/tolvar/shm_report.h"
 #include "tools/tolvar/shm_values.h"
 
 namespace {
@@ -78,6 +79,12 @@ TEST(GroupSegments, DataWithoutARecordIsAnIncompleteImage) {
   std::size_t others = 0;
   EXPECT_EQ(complete({data(1), data(2)}, &others), Keys());
   EXPECT_EQ(others, 2u);
+}
+
+TEST(ImageList, DoesNotDenyWhatCouldNotBeRead) {
+  EXPECT_EQ(listText({}, 0), "no image of this library was found on this host\n");
+  EXPECT_EQ(listText({}, 2), "no image of this library was found that this user may read\n");
+  EXPECT_NE(listJson({}, 2).find("\"unreadableSegments\": 2"), std::string::npos);
 }
 
 TEST(KeyList, TakesDecimalAndHexadecimalKeysOfAllThirtyTwoBits) {

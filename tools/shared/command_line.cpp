@@ -1,6 +1,10 @@
 #include "tools/shared/command_line.h"
 
 #include <cstdio>
+#include <iostream>
+#include <sstream>
+
+#include "tools/shared/standard_output.h"
 
 namespace tolvar::tools {
 
@@ -14,16 +18,31 @@ CommandLine::CommandLine(const std::string& name, const std::string& version,
 
 ExitStatus CommandLine::run(int argc, char** argv) {
   try {
+    const ExitStatus status = runParsed(argc, argv);
+    flushOutput();
+    return status;
+  } catch (const OutputLost& lost) {
+    return lost.readerLeft() ? kExitDone : fail(lost);
+  } catch (const std::exception& error) {
+    return fail(error);
+  }
+}
+
+ExitStatus CommandLine::runParsed(int argc, char** argv) {
+  try {
     _app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return _app.exit(error) == 0 ? kExitDone : kExitFailed;
+    std::ostringstream help;
+    const int status = _app.exit(error, help, std::cerr);
+    writeOutput(help.str());
+    return status == 0 ? kExitDone : kExitFailed;
   }
-  try {
-    return _chosen();
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s: %s\n", _app.get_name().c_str(), error.what());
-    return kExitFailed;
-  }
+  return _chosen();
+}
+
+ExitStatus CommandLine::fail(const std::exception& error) const {
+  std::fprintf(stderr, "%s: %s\n", _app.get_name().c_str(), error.what());
+  return kExitFailed;
 }
 
 }  // namespace tolvar::tools

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -25,10 +26,14 @@ class CommandLine {
     sub->final_callback([this, command] { _chosen = [command] { return command->run(); }; });
   }
 
-  /// Runs what is asked for; says on standard error why it could not be done.
+  /// Runs what is asked for; says on standard error why it could not be done. What standard output
+  /// did not take is not done, unless a pipe's reader left.
   ExitStatus run(int argc, char** argv);
 
  private:
+  ExitStatus runParsed(int argc, char** argv);
+  ExitStatus fail(const std::exception& error) const;
+
   CLI::App _app;
   std::function<ExitStatus()> _chosen;
 };

@@ -49,6 +49,7 @@ Json idAndName(std::int64_t id, const std::string& name) { return {{"id", id}, {
 }  // namespace
 
 std::string formatLine(const Answer& answer) {
+  if (!answer.problem.empty()) return answer.problem;
   std::string line = printable(answer.text);
   line.resize(std::max(line.size(), kAddressWidth), ' ');
   line += "  ";
@@ -71,9 +72,10 @@ std::string formatLine(const Answer& answer) {
 
 std::string formatJson(const Answer& answer) {
   Json json;
-  json["address"] = answer.text;
+  json["address"] = answer.problem.empty() ? Json(answer.text) : Json();
   json["valid"] = answer.kind != Answer::Kind::NotAnAddress;
   json["found"] = answer.kind == Answer::Kind::Found;
+  if (!answer.problem.empty()) json["problem"] = answer.problem;
   if (answer.kind != Answer::Kind::NotAnAddress) {
     if (const char* const special = specialAddressKind(answer.ip)) json["special"] = special;
   }

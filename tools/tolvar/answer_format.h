@@ -17,6 +17,7 @@ struct Answer {
   std::uint32_t ip = 0;  ///< host order; unless NotAnAddress
   ravel::IPInfo ids;     ///< when Found
   IPHumanMessage names;  ///< when Found
+  std::string problem;   ///< not empty: all there is to say; `text` is then empty
 };
 
 /// One readable line without a line end: the address, the place from the country inwards, then

@@ -1,7 +1,14 @@
 #include "tools/tolvar/client_options.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <filesystem>
+
+#include "platform/exception.h"
+#include "tools/tolvar/service_endpoints.h"
 
 namespace tolvar::tools {
 namespace {
@@ -10,13 +17,27 @@ void makeAbsolute(std::string& path) {
   if (!path.empty()) path = std::filesystem::absolute(path).string();
 }
 
+/// The client answers without its log as well, but somebody asked for it. Throws
+/// qel::ZU_Exception.
+void requireLogFile(const std::string& below) {
+  const std::filesystem::path directory = std::filesystem::path(below) / "Tolvar" / "API";
+  std::error_code ignored;  // the file says it as well
+  std::filesystem::create_directories(directory, ignored);
+  const std::string file = directory / "Tolvar.API.log";
+  const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (descriptor < 0)
+    throw qel::ZU_Exception("--log: " + file + " cannot be written; name another directory", errno);
+  close(descriptor);
+}
+
 }  // namespace
 
 CLI::Option* ClientOptions::declareService(CLI::App& app) {
-  CLI::Option* const endpoints = app.add_option(
-      "--service", service.endpoints,
+  CLI::Option* const endpoints = app.add_option_function<std::vector<std::string>>(
+      "--service",
+      [this](const std::vector<std::string>& lists) { service.endpoints = parseEndpoints(lists); },
       "The service to ask, tolvard's address; may be repeated, or several with commas between");
-  endpoints->allow_extra_args(false)->delimiter(',')->type_name("HOST:PORT");
+  endpoints->allow_extra_args(false)->type_name("HOST:PORT");
   app.add_option("--tls-ca", service.caFile, "Authorities of the service's certificate: encrypts")
       ->needs("--service")
       ->type_name("FILE");
@@ -54,6 +75,7 @@ ClientOptions ClientOptions::resolved() const {
 }
 
 std::unique_ptr<PrivateRun> ClientOptions::makeRun() const {
+  if (!logPath.empty()) requireLogFile(logPath);
   return keys ? std::make_unique<PrivateRun>(*keys) : std::make_unique<PrivateRun>();
 }
 

@@ -31,7 +31,7 @@ struct ClientOptions {
   /// With absolute paths: a run moves to a directory of its own.
   ClientOptions resolved() const;
 
-  /// Throws qel::ZU_Exception.
+  /// Throws qel::ZU_Exception, also when the log cannot be written.
   std::unique_ptr<PrivateRun> makeRun() const;
 
   /// Where the client logs: where it was asked to, else where `run` removes it.

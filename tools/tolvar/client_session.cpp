@@ -1,9 +1,12 @@
 #include "tools/tolvar/client_session.h"
 
 #include <chrono>
+#include <cstdio>
+#include <optional>
 #include <thread>
 
 #include "platform/exception.h"
+#include "tools/tolvar/wait_notice.h"
 
 namespace tolvar::tools {
 namespace {
@@ -33,12 +36,25 @@ void ClientSession::prepare(const PrivateRun& run, const std::string& logPath, q
 
 void ClientSession::start(const PrivateRun& run, const std::string& logPath) {
   prepare(run, logPath, qel::systemClock());
-  if (!initialize()) {
+  if (!initializeAudibly()) {
     const std::string reason = _api->status().lastError;
     throw qel::ZU_Exception("the client did not come up: " +
                             (reason.empty() ? "no table within 30 seconds" : reason));
   }
   awaitSettled();
+  checkAnswers();
+}
+
+bool ClientSession::initializeAudibly() {
+  const std::string service = serviceName();
+  std::optional<WaitNotice> notice;
+  if (!service.empty()) {
+    notice.emplace(
+        service, [this] { return _api->status().lastError; },
+        [](const std::string& line) { std::fprintf(stderr, "tolvar: %s\n", line.c_str()); },
+        qel::systemClock());
+  }
+  return initialize();
 }
 
 void ClientSession::awaitSettled() {

@@ -17,8 +17,9 @@ class ClientSession {
  public:
   virtual ~ClientSession() = default;
 
-  /// Starts the client and waits until it answers. Log files go below `logPath`. Throws
-  /// qel::ZU_Exception with the reason when it does not come up.
+  /// Starts the client and waits until it answers; says on standard error when that takes long.
+  /// Log files go below `logPath`. Throws qel::ZU_Exception with the reason when it does not come
+  /// up.
   void start(const PrivateRun& run, const std::string& logPath);
 
   /// Makes the client, on `clock`, and starts nothing; `initialize` does. `clock` outlives the
@@ -44,13 +45,20 @@ class ClientSession {
  protected:
   virtual qel::Communicator& communicator() = 0;
 
+  /// Who is to answer, for people; empty when that is in this process.
+  virtual std::string serviceName() const { return {}; }
+
   /// True when the client answers from the table that is meant.
   virtual bool settled(const TolvarStatus& status) const = 0;
+
+  /// Throws qel::ZU_Exception when the settled client answers otherwise all the same.
+  virtual void checkAnswers() {}
 
   /// A derived class ends the client first in its destructor: it uses the communicator.
   void endClient() { _api.reset(); }
 
  private:
+  bool initializeAudibly();
   void awaitSettled();
 
   TolvarAPIOptions _options;

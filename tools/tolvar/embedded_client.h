@@ -7,6 +7,11 @@
 
 namespace tolvar::tools {
 
+/// True when a client answers with the ranges and with the names of the table `digest`. Both come
+/// one after the other, in either order, and what answers already may still be on its way into the
+/// second segment.
+bool hasTakenOver(const TolvarStatus& status, const std::string& digest);
+
 /// A client with its service in the same process.
 class EmbeddedClient : public ClientSession {
  public:
@@ -20,6 +25,10 @@ class EmbeddedClient : public ClientSession {
  private:
   qel::Communicator& communicator() override { return _communicator; }
   bool settled(const TolvarStatus& status) const override;
+
+  /// Clients tell tables by their ranges, ids included: an image that another table left may have
+  /// the same ones, and stays with its own names.
+  void checkAnswers() override;
 
   std::vector<service::ImportNote> _warnings;
   std::int64_t _importMillis = 0;

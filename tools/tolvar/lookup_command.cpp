@@ -12,8 +12,10 @@
 
 #include "platform/exception.h"
 #include "platform/toolkit.h"
+#include "tools/shared/standard_output.h"
 #include "tools/tolvar/answer_format.h"
 #include "tools/tolvar/embedded_client.h"
+#include "tools/tolvar/line_reader.h"
 
 namespace tolvar::tools {
 namespace {
@@ -39,11 +41,11 @@ Answer answerOf(TolvarAPI& api, const std::string& text) {
   return answer;
 }
 
-/// Without the blanks around it; empty for an empty line or a comment.
-std::string addressIn(const std::string& line) {
-  const auto begin = line.find_first_not_of(" \t\r");
-  if (begin == std::string::npos || line[begin] == '#') return {};
-  return line.substr(begin, line.find_last_not_of(" \t\r") - begin + 1);
+std::string withoutBlanks(const std::string& line) {
+  constexpr const char* kBlanks = " \t\r";
+  const auto begin = line.find_first_not_of(kBlanks);
+  if (begin == std::string::npos) return {};
+  return line.substr(begin, line.find_last_not_of(kBlanks) - begin + 1);
 }
 
 /// Nanoseconds that one numeric lookup takes on average, over random addresses of the whole space.
@@ -89,36 +91,50 @@ std::string absolute(const std::string& path) {
   return path.empty() ? path : std::filesystem::absolute(path).string();
 }
 
-/// Writes answers as they come and remembers what became of them.
+/// Writes answers as they come and remembers what became of them. Throws OutputLost.
 class Printer {
  public:
   Printer(TolvarAPI& api, bool json) : _api(api), _json(json) {}
 
-  /// False when standard output takes no more.
-  bool answer(const std::string& text) {
-    const Answer answer = answerOf(_api, text);
-    if (answer.kind != Answer::Kind::Found) _allFound = false;
-    const std::string line = (_json ? formatJson(answer) : formatLine(answer)) + "\n";
-    return std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
+  void answer(const std::string& text) { write(answerOf(_api, text)); }
+
+  void refuseLine(std::uint64_t number) {
+    Answer answer;
+    answer.problem = "line " + std::to_string(number) + " is longer than " +
+                     std::to_string(LineReader::kMaxBytes) + " bytes and is no IPv4 address";
+    write(answer);
   }
 
   bool allFound() const { return _allFound; }
 
  private:
+  void write(const Answer& answer) {
+    if (answer.kind != Answer::Kind::Found) _allFound = false;
+    writeOutput((_json ? formatJson(answer) : formatLine(answer)) + "\n");
+  }
+
   TolvarAPI& _api;
   bool _json;
   bool _allFound = true;
 };
 
+void answerLine(const LineReader& line, Printer* printer) {
+  const std::string text = withoutBlanks(line.text());
+  if (text.starts_with('#')) return;
+  if (line.isLonger()) {
+    printer->refuseLine(line.number());
+  } else if (!text.empty()) {
+    printer->answer(text);
+  }
+}
+
 void answerInput(Printer* printer) {
   // Somebody typing wants the answer to each line at once; a pipe wants throughput.
   const bool prompt = isatty(STDIN_FILENO) != 0;
-  std::string line;
-  while (std::getline(std::cin, line)) {
-    const std::string address = addressIn(line);
-    if (address.empty()) continue;
-    if (!printer->answer(address)) return;
-    if (prompt) std::fflush(stdout);
+  LineReader lines(std::cin);
+  while (lines.next()) {
+    answerLine(lines, printer);
+    if (prompt) flushOutput();
   }
 }
 
@@ -138,6 +154,9 @@ void LookupCommand::declare(CLI::App& app) {
   app.add_flag("--timing", timing, "Say on standard error how long everything took");
   app.add_option("ADDRESS", addresses,
                  "IPv4 addresses; without any they are read from standard input, one a line");
+  app.footer(
+      "Exit status: 0 every address was found, 1 at least one was not or is no address, 2 nothing "
+      "could be looked up or not all answers could be written.");
 }
 
 ExitStatus LookupCommand::run() const {
@@ -158,13 +177,13 @@ ExitStatus LookupCommand::run() const {
   session->start(*run, options.logPathIn(*run));
 
   Printer printer(session->api(), json);
-  if (addresses.empty()) {
-    answerInput(&printer);
-  } else {
-    for (const std::string& text : addresses)
-      if (!printer.answer(text)) break;
+  try {
+    if (addresses.empty()) answerInput(&printer);
+    for (const std::string& text : addresses) printer.answer(text);
+    flushOutput();
+  } catch (const OutputLost& lost) {
+    if (!lost.readerLeft()) throw;
   }
-  std::fflush(stdout);
   if (timing) printTiming(*session);
   return printer.allFound() ? kExitDone : kExitNo;
 }

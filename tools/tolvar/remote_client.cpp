@@ -22,7 +22,8 @@ GrpcOptions optionsFor(const ServiceAddress& address) {
 
 class RemoteClient : public ClientSession {
  public:
-  explicit RemoteClient(const ServiceAddress& address) : _communicator(optionsFor(address)) {}
+  explicit RemoteClient(const ServiceAddress& address)
+      : _endpoints(address.endpoints), _communicator(optionsFor(address)) {}
   ~RemoteClient() override { endClient(); }
 
   void cancelCalls() override { _communicator.end(); }
@@ -30,11 +31,18 @@ class RemoteClient : public ClientSession {
  private:
   qel::Communicator& communicator() override { return _communicator; }
 
+  std::string serviceName() const override {
+    std::string names;
+    for (const std::string& endpoint : _endpoints) names += (names.empty() ? "" : ", ") + endpoint;
+    return names;
+  }
+
   /// With an image found at the start, whatever it holds answers; the service may be out of reach.
   bool settled(const TolvarStatus& status) const override {
     return status.publications > 0 || status.fromImage;
   }
 
+  const std::vector<std::string> _endpoints;
   GrpcCommunicator _communicator;
 };
 

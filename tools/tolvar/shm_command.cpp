@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/exception.h"
+#include "tools/shared/standard_output.h"
 #include "tools/tolvar/shm_removal.h"
 #include "tools/tolvar/shm_report.h"
 
@@ -13,8 +14,6 @@ namespace {
 
 /// A segment that is written while it is read is read again, this often at most.
 constexpr int kReadings = 5;
-
-void print(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
 SegmentReport readSegment(const SegmentSlot& slot) {
   SegmentReport report = inspectSegment(slot.shm.getPointer(), slot.shm.size());
@@ -60,8 +59,11 @@ CLI::App* ShmCommand::declareAction(CLI::App& app, const char* name, const char*
 
 void ShmCommand::declare(CLI::App& app) {
   app.require_subcommand(1);
-  declareAction(app, "ls", "List the images on this host, and who is attached", Action::List);
-  declareAction(app, "show", "Show one image: statuses, counts, sizes, digests", Action::Show);
+  app.footer("Exit status: 2 nothing was done; else as the --help of each command says.");
+  declareAction(app, "ls", "List the images on this host, and who is attached", Action::List)
+      ->footer("Exit status: 0 done, 2 the system does not say which segments there are.");
+  declareAction(app, "show", "Show one image: statuses, counts, sizes, digests", Action::Show)
+      ->footer("Exit status: 0 done, 2 it could not be read.");
   declareAction(app, "verify", "Decode every node of both segments and say what is wrong",
                 Action::Verify)
       ->footer("Exit status: 0 the image is whole, 1 it is damaged, 2 it could not be read.");
@@ -82,9 +84,11 @@ ExitStatus ShmCommand::run() const {
 ExitStatus ShmCommand::list() const {
   std::size_t unreadable = 0;
   const std::vector<FoundImage> images = findImages(&unreadable);
-  print(json ? listJson(images) : listText(images));
+  print(json ? listJson(images, unreadable) : listText(images, unreadable));
   if (unreadable != 0)
-    std::fprintf(stderr, "tolvar: %zu segments may not be read by this user and were passed over\n",
+    std::fprintf(stderr,
+                 "tolvar: %zu segments belong to others and could not be read; run as their owner "
+                 "or as root\n",
                  unreadable);
   return kExitDone;
 }

@@ -42,7 +42,7 @@ class HostScan {
   explicit HostScan(std::size_t* unreadable) : _unreadable(unreadable) {}
 
   std::vector<FoundSegment> run() {
-    const std::vector<qel::ShmRecord> all = qel::listSegments();
+    const std::vector<qel::ShmRecord> all = qel::listSegments(_unreadable);
     for (const qel::ShmRecord& record : all) look(record, &HostScan::takeSizeRecord);
     for (const qel::ShmRecord& record : all) look(record, &HostScan::takeData);
     for (FoundSegment& segment : _found)
@@ -155,7 +155,6 @@ std::vector<FoundImage> groupSegments(const std::vector<FoundSegment>& segments)
 }
 
 std::vector<FoundImage> findImages(std::size_t* unreadable) {
-  *unreadable = 0;
   return groupSegments(HostScan(unreadable).run());
 }
 

@@ -95,7 +95,7 @@ void addData(const SegmentReport& report, Json* json) {
 
 }  // namespace
 
-std::string listJson(const std::vector<FoundImage>& images) {
+std::string listJson(const std::vector<FoundImage>& images, std::size_t unreadable) {
   Json list = Json::array();
   for (const FoundImage& image : images) {
     const auto keys = keysOf(image);
@@ -105,7 +105,7 @@ std::string listJson(const std::vector<FoundImage>& images) {
                     {"segments", segments},
                     {"sizeRecord", image.sizeRecord ? foundOf(*image.sizeRecord) : Json()}});
   }
-  return document({{"images", list}});
+  return document({{"images", list}, {"unreadableSegments", unreadable}});
 }
 
 std::string showJson(const ImageReport& report) {

@@ -26,12 +26,13 @@ std::uint64_t countDamage(const ImageReport& report);
 /// "ready", "pending", "unknown", "new", or the number of another word.
 std::string statusName(std::uint32_t status);
 
-std::string listText(const std::vector<FoundImage>& images);
+/// `unreadable` is the number of segments that may be part of others.
+std::string listText(const std::vector<FoundImage>& images, std::size_t unreadable);
 std::string showText(const ImageReport& report);
 std::string verifyText(const ImageReport& report);
 
 /// One JSON document each, with a line end.
-std::string listJson(const std::vector<FoundImage>& images);
+std::string listJson(const std::vector<FoundImage>& images, std::size_t unreadable);
 std::string showJson(const ImageReport& report);
 std::string verifyJson(const ImageReport& report);
 

@@ -158,7 +158,7 @@ std::string verdict(const ImageReport& report, std::size_t segment) {
 
 }  // namespace
 
-std::string listText(const std::vector<FoundImage>& images) {
+std::string listText(const std::vector<FoundImage>& images, std::size_t unreadable) {
   std::string text;
   for (const FoundImage& image : images) {
     text += imageTitle(image);
@@ -166,7 +166,9 @@ std::string listText(const std::vector<FoundImage>& images) {
       text += segmentLine("segment " + std::to_string(i), image.data[i]);
     if (image.sizeRecord) text += segmentLine("size record", *image.sizeRecord);
   }
-  return text.empty() ? "no image of this library was found on this host\n" : text;
+  if (!text.empty()) return text;
+  return unreadable == 0 ? "no image of this library was found on this host\n"
+                         : "no image of this library was found that this user may read\n";
 }
 
 std::string showText(const ImageReport& report) {

@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <cstdio>
 #include <optional>
 
 #include "platform/exception.h"
+#include "service/address_text.h"
+#include "service/text_source.h"
+#include "tools/shared/standard_output.h"
 #include "tools/tolvar/client_keeper.h"
 #include "tools/tolvar/client_session.h"
 #include "tools/tolvar/paced_clock.h"
@@ -21,7 +23,9 @@ using std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kLookEvery{200};
 constexpr std::size_t kShortestDigest = 8;
 constexpr std::size_t kWholeDigest = 32;
+constexpr double kLeastSeconds = 0.001;
 constexpr double kMostSeconds = 1e9;
+constexpr std::uint32_t kMostScale = 10000;
 
 /// In lower case; anything but hexadecimal digits, enough of them, is refused.
 std::string digestIn(std::string text) {
@@ -35,19 +39,42 @@ std::string digestIn(std::string text) {
   return text;
 }
 
+double secondsIn(const std::string& text) {
+  double seconds = 0;
+  // Put so that what is no number, which compares with nothing, is refused as well.
+  if (!CLI::detail::lexical_cast(text, seconds) ||
+      !(seconds >= kLeastSeconds && seconds <= kMostSeconds))
+    throw CLI::ValidationError(
+        "--for", service::quoted(text) + " is no time: expected seconds, from 0.001 to 1000000000");
+  return seconds;
+}
+
+int scaleIn(const std::string& text) {
+  const auto scale = service::parseNumber(text, kMostScale);
+  if (!scale || *scale == 0)
+    throw CLI::ValidationError("--time-scale",
+                               service::quoted(text) + " is no scale: expected 1 to 10000");
+  return static_cast<int>(*scale);
+}
+
 /// Writes the state of a client whenever it has changed.
 class StatusPrinter {
  public:
   explicit StatusPrinter(bool json) : _json(json) {}
 
-  /// False when standard output takes no more.
+  /// False when nobody reads standard output any more. Throws OutputLost when it takes no more for
+  /// another reason.
   bool show(const TolvarStatus& status) {
     if (_shown && !showsChange(*_shown, status)) return true;
     _shown = status;
     const timeval now = qel::systemClock().timeOfDay();
-    const std::string line = (_json ? statusJson(status, now) : statusLine(status, now)) + "\n";
-    return std::fwrite(line.data(), 1, line.size(), stdout) == line.size() &&
-           std::fflush(stdout) == 0;
+    try {
+      print((_json ? statusJson(status, now) : statusLine(status, now)) + "\n");
+    } catch (const OutputLost& lost) {
+      if (!lost.readerLeft()) throw;
+      return false;
+    }
+    return true;
   }
 
  private:
@@ -79,12 +106,18 @@ void WatchCommand::declare(CLI::App& app) {
          "End with status 0 as soon as the table with this digest, or one that begins so, answers; "
          "with 1 when the watch ends before")
       ->type_name("DIGEST");
-  app.add_option("--for", forSeconds, "End after this time (default: at a signal)")
-      ->check(CLI::Range(0.001, kMostSeconds))
+  app.add_option_function<std::string>(
+         "--for", [this](const std::string& text) { forSeconds = secondsIn(text); },
+         "End after this time (default: at a signal)")
       ->type_name("SECONDS");
   // For tests and demonstrations: once the client is up, its time runs this many times faster, and
   // its change checks come so much sooner. Not for daily use, hence not in the help.
-  app.add_option("--time-scale", timeScale)->check(CLI::Range(1, 10000))->group("");
+  app.add_option_function<std::string>(
+         "--time-scale", [this](const std::string& text) { timeScale = scaleIn(text); })
+      ->group("");
+  app.footer(
+      "Exit status: 0 it ended as it was told to, 1 a digest was waited for and did not come, 2 no "
+      "client could run or a line could not be written.");
 }
 
 ExitStatus WatchCommand::run() const {
@@ -102,7 +135,7 @@ ExitStatus WatchCommand::run() const {
     const TolvarStatus status = session->api().status();
     const bool isShown = printer.show(status);
     if (!untilDigest.empty() && answersFrom(status, untilDigest)) return kExitDone;
-    if (!isShown && untilDigest.empty()) return kExitDone;
+    if (!isShown) return inVain;
     if (const std::string failure = keeper.failure(); !failure.empty())
       throw qel::ZU_Exception("the client did not come up: " + failure);
   } while (steady_clock::now() < end && !host->awaitSignal(untilNextLook(end)));

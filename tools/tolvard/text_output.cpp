@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
-#include <system_error>
 
 #include "service/text_source.h"
 
@@ -60,13 +57,6 @@ std::string alignedTable(const std::vector<std::vector<std::string>>& rows,
     text += line + '\n';
   }
   return text;
-}
-
-void print(const std::string& text) {
-  const bool isWritten =
-      std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
-  if (!isWritten)
-    throw std::runtime_error("standard output: " + std::generic_category().message(errno));
 }
 
 void printJson(const nlohmann::json& document) {

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/shared/standard_output.h"
+
 namespace tolvar::tools {
 
 /// `text` for a terminal: control characters and what is no UTF-8 as \xNN.
@@ -15,9 +17,6 @@ std::string printable(std::string_view text);
 /// line ends. Columns listed in `rightAligned` have their texts at the right.
 std::string alignedTable(const std::vector<std::vector<std::string>>& rows,
                          const std::vector<std::size_t>& rightAligned);
-
-/// Writes to standard output. Throws std::runtime_error when it takes no more.
-void print(const std::string& text);
 
 /// One JSON document and a line end; bytes that are no UTF-8 become U+FFFD.
 void printJson(const nlohmann::json& document);

@@ -46,6 +46,7 @@ TEST(CodeSync, EveryTypeGoesIntoItsOwnTableOfSegment1AndThenOf0) {
   }
   EXPECT_EQ(SegmentView(scene.keys.data0()).content(), segment1.content());
   EXPECT_EQ(scene.client.status().codeEntries, 8u);
+  EXPECT_EQ(scene.client.status().codePublications, 1u);
   scene.output.take();
   const auto begin = textsStarting(scene.output.out, "begin check code change request. this=0x");
   ASSERT_EQ(begin.size(), 1u);
@@ -107,6 +108,7 @@ TEST(CodeSync, FailedDownloadKeepsTheRequestAndThePublishedTables) {
   scene.service->codes = [](auto&) { throw qel::ZU_Exception("line cut"); };
   EXPECT_TRUE(scene.refreshCodes());
   EXPECT_TRUE(scene.access.isCheckingCode());
+  EXPECT_EQ(scene.client.status().codePublications, 1u);
   scene.service->codes = [](auto&) { throw std::runtime_error("odd"); };
   EXPECT_TRUE(scene.refreshCodes());
   scene.service->codes = [](auto&) { throw 1; };

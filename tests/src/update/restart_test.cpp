@@ -67,6 +67,8 @@ TEST(Restart, WithAnImageAndTheServiceDownStartsAndAnswers) {
   expectAnswersOf(1, client);
   const TolvarStatus status = client.status();
   EXPECT_EQ(status.digest, host.server.digest());
+  EXPECT_EQ(status.imageDigest, host.server.digest());
+  EXPECT_EQ(status.codePublications, 0u);
   EXPECT_EQ(status.ranges, 20u);
   EXPECT_EQ(status.codeEntries, 3u);
 }
@@ -91,6 +93,7 @@ TEST(Restart, WithAnOldImageAnswersFromItUntilTheNewTableIsThere) {
   EXPECT_EQ(versionOf(kFirstAddress, info), 1u);
   release.set_value();
   while (client.status().digest != host.server.digest()) std::this_thread::yield();
+  EXPECT_NE(client.status().imageDigest, host.server.digest());
   ASSERT_TRUE(client.getIPInfo(kFirstAddress + 29 * 256, &info));
   EXPECT_EQ(versionOf(kFirstAddress + 29 * 256, info), 2u);
   EXPECT_EQ(host.callsStarting("FirstTotalDownload").size(), 0u);

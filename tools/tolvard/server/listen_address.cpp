@@ -3,11 +3,10 @@
 #include <arpa/inet.h>
 #include <sys/un.h>
 
-#include <optional>
 #include <stdexcept>
 
-#include "service/address_text.h"
 #include "service/text_source.h"
+#include "tools/shared/host_port.h"
 
 namespace tolvar {
 namespace {
@@ -55,22 +54,15 @@ std::string ListenAddress::withPort(int real) const {
 ListenAddress parseListenAddress(const std::string& text) {
   ListenAddress address;
   address.text = text;
-  if (text.starts_with(kUnixPrefix)) {
+  if (tools::isUnixSocket(text)) {
     address.path = unixPath(text);
     address.isLocal = true;
     return address;
   }
-  const std::size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) refuse(text);
-  address.host = text.substr(0, colon);
-  const bool isBracketed = address.host.starts_with('[') && address.host.ends_with(']');
-  if (isBracketed) address.host = address.host.substr(1, address.host.size() - 2);
-  in6_addr six{};
-  const bool isSix = inet_pton(AF_INET6, address.host.c_str(), &six) == 1;
-  if (isBracketed != isSix || address.host.empty()) refuse(text);
-  const auto port = service::parseNumber(std::string_view(text).substr(colon + 1), 65535);
-  if (!port) refuse(text);
-  address.port = static_cast<int>(*port);
+  const auto parts = tools::parseHostPort(text);
+  if (!parts) refuse(text);
+  address.host = parts->host;
+  address.port = parts->port;
   address.isLocal = isLocalHost(address.host);
   return address;
 }
