@@ -131,6 +131,10 @@ void TolvarAPI::advanceTo(std::uint64_t reached, std::uint64_t maxIndex, bool af
 }
 
 void TolvarAPI::finishDownload() {
+  // The names first, if they are still to come: a process that ends between the two then leaves an
+  // image whose digest says that it is not the service's, and the next one downloads both. Names
+  // that cannot be had do not keep the ranges from being published.
+  if (m_isCheckingCode) checkCodeChangeRequest();
   m_isTotalDownLoading = false;
   const std::int64_t gathered = m_internals->clock.steadyMillis();
   try {

@@ -34,6 +34,28 @@ TEST(Publish, OrderOfTheDownloadDoesNotChangeTheDigest) {
   EXPECT_EQ(scene.access.cltMd5(), first);
 }
 
+TEST(Publish, NamesThatAreStillToComeGoBeforeTheRanges) {
+  StepScene scene;
+  TableServer server(scene.service);
+  server.publish(selfCheckingTable(1, 20));
+  ASSERT_TRUE(scene.refresh());
+  const std::string before = server.digest();
+  server.publish(selfCheckingTable(2, 20));
+  std::string whenNamesCame;
+  server.beforeCodes = [&] { whenNamesCame = scene.client.status().digest; };
+  scene.makeCheckDue();
+  scene.access.checkChange();
+  // The last page. Whoever finds what a process leaves that ends half-way finds the old digest, and
+  // fetches both.
+  scene.access.totalDownloadRequest();
+  EXPECT_EQ(whenNamesCame, before);
+  EXPECT_FALSE(scene.access.isCheckingCode());
+  EXPECT_EQ(scene.client.status().digest, server.digest());
+  IPHumanMessage message;
+  ASSERT_TRUE(scene.client.getIPInfoFromStr("1.0.0.1", &message));
+  EXPECT_EQ(message.m_oper, "v2 oper");
+}
+
 TEST(Publish, FirstOneGoesToSegment1AndTheNextToSegment0) {
   StepScene scene;
   scene.access.gathered() = selfCheckingTable(1, 5).rows;
