@@ -206,6 +206,15 @@ TEST(Lookup, AnImageWithOtherNamesForTheSameRangesIsRefused) {
   EXPECT_NE(other.err.find("\"Netz\" instead of \"Funk\""), std::string::npos) << other.err;
 }
 
+TEST(Lookup, AnExportedTableKeepsItsIds) {
+  const TempDir directory;
+  writeFile(directory.file("table.csv"),
+            "#id\t6\t0\t77\tNetz\nstart,end,oper\n1.0.0.0,1.0.0.9,Netz\n");
+  const ToolRun run = lookup({"--table", directory.file("table.csv"), "--json", "1.0.0.1"});
+  EXPECT_EQ(run.exitStatus, 0);
+  EXPECT_NE(run.out.find(R"("oper":{"id":77,"name":"Netz"})"), std::string::npos) << run.out;
+}
+
 TEST(Lookup, KeysThatAreZeroOrEqualAreRefused) {
   const ToolRun run = lookup({"--table", TOLVAR_SAMPLE, "--keys", "7,7,9", "8.8.8.8"});
   EXPECT_EQ(run.exitStatus, 2);

@@ -2,6 +2,7 @@
 
 #include "include/memVector.h"
 #include "platform/exception.h"
+#include "service/csv_exporter.h"
 #include "service/text_source.h"
 
 namespace tolvar::tools {
@@ -39,7 +40,9 @@ EmbeddedClient::EmbeddedClient(const std::string& tablePath, const std::string& 
   const std::int64_t begin = qel::systemClock().steadyMillis();
   service::ImportOptions options;
   if (!codesPath.empty()) options.isoCountriesPath = codesPath;
-  service::ImportResult imported = service::importTable(tablePath, options);
+  const auto source = service::TextSource::load(tablePath, service::kMaxImportBytes);
+  options.ids = service::exportedIds(source);
+  service::ImportResult imported = service::importTable(source, options);
   _warnings = std::move(imported.warnings);
   _table = _service->publish(std::move(imported.table));
   _importMillis = qel::systemClock().steadyMillis() - begin;
