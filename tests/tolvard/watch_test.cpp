@@ -103,10 +103,10 @@ TEST_F(Watch, AServiceThatComesLaterIsFollowed) {
 
 TEST_F(Watch, UntilDigestWaitsForARollOut) {
   import(TOLVAR_SAMPLE);
-  const TolvardProcess service(database());
   importText(rows(7, "Funk"));
   const std::string wanted = newestDigest();
   ASSERT_EQ(tolvard({"rollback", "1"}).exitStatus, 0);
+  const TolvardProcess service(database());
   ChildProcess client(
       watch({"--service", service.address(), "--until-digest", wanted, "--for", "60"}));
   awaitDigest(client, newestDigest());
