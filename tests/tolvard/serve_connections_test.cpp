@@ -141,11 +141,15 @@ TEST_F(ServeConnections, AHostNameIsServedOnItsAddresses) {
 }
 
 TEST_F(ServeConnections, OfBothFamiliesComeToAnAddressThatMeansAll) {
-  if (!std::filesystem::exists("/proc/net/if_inet6")) GTEST_SKIP() << "there is no IPv6";
-  for (const char* all : {"0.0.0.0:0", "[::]:0"}) {
+  // A machine may have one family only; it is then served all the same.
+  const bool hasSix = std::filesystem::exists("/proc/net/if_inet6");
+  std::vector<std::string> addresses{"0.0.0.0:0"};
+  if (hasSix) addresses.push_back("[::]:0");
+  for (const std::string& all : addresses) {
     TolvardProcess server(database(), {"--insecure"}, all);
     const std::string port = server.address().substr(server.address().rfind(':'));
     EXPECT_EQ(ServiceClient("127.0.0.1" + port).check("0").isReset, 1) << all;
+    if (!hasSix) continue;
     EXPECT_EQ(ServiceClient("[::1]" + port).check("0").isReset, 1) << all;
   }
 }

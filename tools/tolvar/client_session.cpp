@@ -36,11 +36,8 @@ void ClientSession::prepare(const PrivateRun& run, const std::string& logPath, q
 
 void ClientSession::start(const PrivateRun& run, const std::string& logPath) {
   prepare(run, logPath, qel::systemClock());
-  if (!initializeAudibly()) {
-    const std::string reason = _api->status().lastError;
-    throw qel::ZU_Exception("the client did not come up: " +
-                            (reason.empty() ? "no table within 30 seconds" : reason));
-  }
+  if (!initializeAudibly())
+    throw qel::ZU_Exception("the client did not come up: " + _api->status().lastError);
   awaitSettled();
   checkAnswers();
 }
