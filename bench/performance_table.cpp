@@ -213,9 +213,9 @@ the result, without any search.
 Queries: `ranges` draws a range evenly and an address in it, `uniform` draws addresses, `zipf` draws
 the k-th most popular range with weight 1/k, `log` adds the repeats and interleaving of an access log.
 Lookup times are nanoseconds of processor time per address and thread; `attach`, `publish` and `build`
-are milliseconds. Every time is the smallest of several repetitions, in which the cases take turns.
-Synthetic tables come from `bench/support/synthetic_table.h`, `geoip` is the table of Debian's
-tor-geoipdb.
+are milliseconds. Every time is the smallest of several repetitions, in which the cases take turns;
+lookups are repeated in several processes over the whole run. Synthetic tables come from
+`bench/support/synthetic_table.h`, `geoip` is the table of Debian's tor-geoipdb.
 
 `attach` begins before a second client is made and ends with its first answer; its parts alone are
 mapping and decoding the image and the digest. `publish` is what the client takes from the last page

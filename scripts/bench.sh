@@ -8,8 +8,8 @@
 #   --output FILE  write there instead; - is standard output
 #
 # Installs missing Debian packages first (scripts/install_deps.sh) and builds in build/bench.
-# JOBS sets the number of compilers at a time (default: one per processor). REPETITIONS sets how often
-# each lookup case is measured (default: 15); the smallest time counts.
+# JOBS sets the number of compilers at a time (default: one per processor). ROUNDS sets in how many
+# processes, one after the other, lookups are measured (default: 4); the smallest time counts.
 set -eu
 
 cd -- "$(dirname -- "$0")/.."
@@ -39,7 +39,7 @@ while [ $# -gt 0 ]; do
 done
 
 jobs=${JOBS:-$(nproc)}
-repetitions=${REPETITIONS:-15}
+rounds=${ROUNDS:-4}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -52,29 +52,38 @@ if ! { cmake --preset release -B build/bench -DTOLVAR_GRPC=OFF -DTOLVAR_TESTS=OF
   exit 1
 fi
 
-# measure TABLE GROUP [FLAG...]
+# measure TABLE GROUP ROUND [FLAG...]
 measure() {
-  echo "measuring $1, $2 ..." >&2
+  echo "measuring $1, $2, round $3 ..." >&2
   table=$1
   group=$2
-  shift 2
+  file=$work/$1-$2-$3.json
+  shift 3
   build/bench/bench/client_bench "--table=$table" "--group=$group" --benchmark_format=console \
-    --benchmark_out_format=json "--benchmark_out=$work/$table-$group.json" "$@" >"$work/log" 2>&1 || {
+    --benchmark_out_format=json "--benchmark_out=$file" "$@" >"$work/log" 2>&1 || {
     cat "$work/log" >&2
     exit 1
   }
-  set -- "$work/$table-$group.json"
-  files="${files-} $1"
+  files="${files-} $file"
 }
 
+# The repetitions of all cases take turns, so that a disturbance does not hit one contestant alone.
+turns=--benchmark_enable_random_interleaving=true
+
+# Lookups depend on how much of the last-level cache the neighbours leave, which changes by the
+# minute, and on where a process's memory happens to lie: several processes, far apart in time.
+round=1
+while [ "$round" -le "$rounds" ]; do
+  for table in $tables; do
+    # Long enough that the cache of the case before is soon forgotten.
+    measure "$table" lookups "$round" --benchmark_min_time=0.1 --benchmark_repetitions=4 "$turns"
+  done
+  round=$((round + 1))
+done
 for table in $tables; do
-  # The repetitions of all cases take turns, so that a disturbance does not hit one contestant alone.
-  measure "$table" lookups --benchmark_min_time=0.05 "--benchmark_repetitions=$repetitions" \
-    --benchmark_enable_random_interleaving=true
-  measure "$table" replacement --benchmark_filter=-guard --benchmark_repetitions=3
-  measure "$table" tables --benchmark_filter=-guard --benchmark_repetitions=5 \
-    --benchmark_enable_random_interleaving=true
-  measure "$table" memory --benchmark_filter=-guard
+  measure "$table" replacement 1 --benchmark_filter=-guard --benchmark_repetitions=3
+  measure "$table" tables 1 --benchmark_filter=-guard --benchmark_repetitions=5 "$turns"
+  measure "$table" memory 1 --benchmark_filter=-guard
 done
 
 # shellcheck disable=SC2086 # the file names are words
