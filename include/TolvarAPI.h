@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -253,6 +254,8 @@ class TolvarAPI : public qel::ZU_Thread,
   void attachForStart(int* ready, tolvar::ImageContent* image);
   bool attachLate();
   void shareOwnTables();
+  bool hasRoom(const tolvar::RetryBackoff& retry, const std::function<void()>& prepare);
+  bool strangersBehindKeys() const noexcept;
   void forgetSegments() noexcept;
   void refreshAttachments();
   bool attachAgain(int shm_index);
@@ -264,6 +267,7 @@ class TolvarAPI : public qel::ZU_Thread,
   void CopyShareMemory(int from, int to);
   void copyImage(int from, int to, const MemoryHead& announced);
   void copyIntoLarger(int from, int to);
+  std::size_t endOfRegions(int shm_index) const;
   void mirrorImage(int from, int to);
   void beginPublication(int target, std::uint32_t MemoryHead::*half);
   void setHalf(int shm_index, std::uint32_t MemoryHead::*half, MemoryStatus status);
@@ -300,6 +304,7 @@ class TolvarAPI : public qel::ZU_Thread,
   void writeCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void takeOverCodes(int target, const std::vector<ravel::CodeInfo>& codes);
   void announceReady(int bit);
+  int readiness() const;
 
   // --- Members. Unless said otherwise they belong to the thread that runs `initialize`, and from
   //     `start` on to the update thread. ---

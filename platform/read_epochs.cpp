@@ -167,12 +167,16 @@ void endOtherwise(ReaderSlot* slot) noexcept {
 
 }  // namespace epochs
 
-void waitForReaders() noexcept {
+void requireNoReadSection() noexcept {
   const std::uint64_t own = epochs::threadSlot.epoch.load(std::memory_order_relaxed);
   if (own != 0 && own != ReaderSlot::kUnlisted) {
     qel::assertionFailed("the waiting thread is in no read section", __FILE__, __LINE__,
                          __PRETTY_FUNCTION__);
   }
+}
+
+void waitForReaders() noexcept {
+  requireNoReadSection();
   {
     const std::lock_guard lock(epochs::list.mutex);
     epochs::prepare();

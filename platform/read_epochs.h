@@ -149,6 +149,10 @@ class OutermostReadSection {
   ReaderSlot* _slot;
 };
 
+/// Aborts the process when the calling thread is inside a read section: for what would wait for
+/// readers, or take away what they read.
+void requireNoReadSection() noexcept;
+
 /// Waits until every read section that had begun before the call has ended, on whatever thread.
 /// What the caller unlinked before the call is then out of every reader's reach. Sections that
 /// begin later are not waited for. Several threads may wait at once.

@@ -13,6 +13,14 @@ namespace {
 
 constexpr int kMode = 0660;
 
+[[noreturn]] void failRemoval(key_t key, int error) {
+  const char* const help =
+      error == EPERM ? ", whose segment another user made, who alone may replace it; run as that "
+                       "user or as root, or use other keys"
+                     : "";
+  throw ZU_Exception("[ZU_Shm::del]: shmctl failed for key " + std::to_string(key) + help, error);
+}
+
 [[noreturn]] void fail(const char* call, key_t key, int error) {
   const char* const help =
       error == EACCES ? ", whose segment belongs to another user; run as that user or as root, or "
@@ -80,6 +88,7 @@ void ZU_Shm::map(int id, key_t key, int flags) {
     fail("shmctl", key, error);
   }
   _id = id;
+  _key = key;
   _address = address;
   _size = description.shm_segsz;
 }
@@ -88,7 +97,7 @@ void ZU_Shm::remove() {
   sharedWritePoint("removed segment");
   if (_id < 0 || systemCalls().shmctl(_id, IPC_RMID, nullptr) == 0) return;
   const int error = errno;
-  if (error != EIDRM && error != EINVAL) throw ZU_Exception("[ZU_Shm::del]: shmctl failed", error);
+  if (error != EIDRM && error != EINVAL) failRemoval(_key, error);
 }
 
 void ZU_Shm::del() {
@@ -105,6 +114,7 @@ void ZU_Shm::swap(ZU_Shm& other) noexcept {
   std::swap(_owner, other._owner);
   std::swap(_created, other._created);
   std::swap(_id, other._id);
+  std::swap(_key, other._key);
   std::swap(_address, other._address);
   std::swap(_size, other._size);
 }

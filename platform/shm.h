@@ -62,6 +62,7 @@ class ZU_Shm {
   bool _owner;
   bool _created = false;
   int _id = -1;
+  key_t _key = 0;  ///< behind which the attached segment was found
   void* _address = nullptr;
   std::size_t _size = 0;
 };

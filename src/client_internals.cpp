@@ -24,7 +24,7 @@ void ClientInternals::buildRanges(const ravel::vIPProperty& ranges) {
 }
 
 void ClientInternals::publishRanges(std::size_t ranges, std::string digest) noexcept {
-  tables.publish(std::move(built));
+  replaceTables();
   std::lock_guard<std::mutex> hold(statusMutex);
   status.ipReady = true;
   status.ranges = ranges;
@@ -38,7 +38,7 @@ void ClientInternals::buildCodes(std::shared_ptr<const CodeNames> names) {
 }
 
 void ClientInternals::publishCodes(const CodeMaps& maps) noexcept {
-  tables.publish(std::move(built));
+  replaceTables();
   std::lock_guard<std::mutex> hold(statusMutex);
   status.codesReady = true;
   status.codeEntries = entriesOf(maps);
@@ -51,7 +51,7 @@ void ClientInternals::buildAll(std::shared_ptr<const RangeIndex> ranges,
 }
 
 void ClientInternals::publishBuilt(std::size_t ranges, const CodeMaps& maps) {
-  tables.publish(std::move(built));
+  replaceTables();
   std::lock_guard<std::mutex> hold(statusMutex);
   status.fromImage = true;
   status.ipReady = true;
@@ -59,6 +59,17 @@ void ClientInternals::publishBuilt(std::size_t ranges, const CodeMaps& maps) {
   status.ranges = ranges;
   status.codeEntries = entriesOf(maps);
   status.lastPublished = clock.time();
+}
+
+void ClientInternals::replaceTables() noexcept {
+  retire();
+  retired = tables.replace(std::move(built));
+}
+
+void ClientInternals::retire() noexcept {
+  if (!retired) return;
+  tables.synchronize();
+  retired.reset();
 }
 
 void ClientInternals::noteImageDigest(const std::string& digest) {

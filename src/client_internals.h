@@ -47,7 +47,8 @@ struct ClientInternals {
   explicit ClientInternals(qel::Clock& time) : clock(time), tables(LookupSnapshot::empty()) {}
 
   // What lookups read is made in two steps, by the one thread that publishes: building may run out
-  // of memory and changes nothing, publishing cannot fail.
+  // of memory and changes nothing, publishing cannot fail. A third takes away what was replaced,
+  // once its readers have left it.
 
   /// Indexes `ranges`, which are sorted, under the names in use.
   void buildRanges(const ravel::vIPProperty& ranges);
@@ -64,8 +65,15 @@ struct ClientInternals {
   /// Publishes what buildAll made of an index of `ranges` ranges and the names of `maps`.
   void publishBuilt(std::size_t ranges, const CodeMaps& maps);
 
+  /// Waits until nobody reads what the last publication replaced, and takes it away. Done while
+  /// nothing is held that others wait for: a reader may stay for as long as its thread likes.
+  void retire() noexcept;
+
   /// Notes the digest of ranges found in shared memory.
   void noteImageDigest(const std::string& digest);
+
+  /// The common end of the three publications.
+  void replaceTables() noexcept;
 
   qel::Clock& clock;
 
@@ -82,7 +90,8 @@ struct ClientInternals {
   int starterLockMillis = 10000;
 
   /// The tables live in this process alone: at the start the image's lock or its segments were not
-  /// to be had, and no publication could attach to them since. No segment is then mapped.
+  /// to be had, or a publication found no room in them, and none could share them since. No segment
+  /// is then mapped.
   bool unshared = false;
 
   /// The process that `initialize` or `start` was called in, 0 before; a forked copy has none of
@@ -104,6 +113,8 @@ struct ClientInternals {
 
   /// Made by the last build and not published yet.
   std::unique_ptr<const LookupSnapshot> built;
+  /// Replaced by the last publication, and perhaps still read.
+  std::unique_ptr<const LookupSnapshot> retired;
 
   // Update thread only.
   RetryBackoff downloadRetry;
@@ -127,6 +138,19 @@ struct ClientInternals {
   mutable std::mutex statusMutex;
   TolvarStatus status;  ///< but for what `errors` knows
   StepErrors errors;
+};
+
+/// Retires at the end of a scope. Made before what the scope holds, so that this is given back
+/// first.
+class Retirement {
+ public:
+  explicit Retirement(ClientInternals& internals) : _internals(internals) {}
+  ~Retirement() { _internals.retire(); }
+  Retirement(const Retirement&) = delete;
+  Retirement& operator=(const Retirement&) = delete;
+
+ private:
+  ClientInternals& _internals;
 };
 
 }  // namespace tolvar

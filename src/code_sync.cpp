@@ -45,13 +45,25 @@ bool TolvarAPI::checkCodeChangeRequest() {
     _pTolvarPrx->totalDownloadCode(codes);
     std::sort(codes.begin(), codes.end());
 
+    const tolvar::Retirement retirement(*m_internals);
     const tolvar::ImageHold hold(m_internals->imageLock);
-    const bool shared = lockImage();
+    bool shared = lockImage();
     const int other = m_code_vector[0] == &m_code_vector_impl[0][0] ? 0 : 1;
     const int target = 1 - other;
     if (shared) {
-      beginPublication(target, &MemoryHead::code_usable);
-      makeRoomForCodes(target, codes);
+      const auto begin = [&] {
+        beginPublication(target, &MemoryHead::code_usable);
+        makeRoomForCodes(target, codes);
+      };
+      // Names in use stay until newer ones can be shared: the image would not get them later, once
+      // it has the ranges that came with them.
+      if ((readiness() & 2) != 0) {
+        begin();
+      } else {
+        shared = hasRoom(m_internals->codeRetry, begin);
+      }
+    }
+    if (shared) {
       setHalf(target, &MemoryHead::code_usable, kMemoryStatusPending);
       writeCodes(target, codes);
       setHalf(target, &MemoryHead::code_usable, kMemoryStatusReady);

@@ -33,7 +33,7 @@ void TolvarAPI::ResizeShareMemory(int shm_index, std::size_t size) {
   walkRegions(shm_index);
   qel::ZU_Shm old;
   replaceSegment(shm_index, next, &old);
-  tolvar::fillContent(shm, 0, old);
+  tolvar::fillContent(shm, 0, old, old.size());
   walkRegions(shm_index);
   WriteShareMemorySize(next);
 }
@@ -76,7 +76,7 @@ void TolvarAPI::keepContent(int shm_index, qel::ZU_Shm& old) {
     shm.swap(old);
     return;
   }
-  tolvar::fillContent(shm, 0, old);
+  tolvar::fillContent(shm, 0, old, old.size());
   walkRegions(shm_index);
 }
 

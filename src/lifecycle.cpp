@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "platform/abandon.h"
+#include "platform/read_epochs.h"
 #include "src/client_internals.h"
 #include "src/client_log.h"
 #include "src/segment_layout.h"
@@ -73,6 +74,7 @@ TolvarAPI::~TolvarAPI() {
     abandonParents();
     return;
   }
+  tolvar::requireNoReadSection();
   // A start that another thread is still at ends first.
   m_internals->destroying = true;
   std::lock_guard<std::mutex> hold(m_internals->initializing);
@@ -95,6 +97,8 @@ void TolvarAPI::abandonParents() noexcept {
 
 void TolvarAPI::stopUpdateThread() {
   if (m_internals->isForkedCopy()) return;
+  // The thread may be waiting for a reader of this one.
+  tolvar::requireNoReadSection();
   Lock hold(*this);
   terminate();
   notifyAll();

@@ -1,6 +1,7 @@
 #include "platform/assertion.h"
 #include "src/client_internals.h"
 #include "src/segment_copy.h"
+#include "src/segment_layout.h"
 
 /// The two data segments: which of them may be written, and the second as a copy of the first.
 
@@ -49,6 +50,14 @@ void TolvarAPI::mirrorImage(int from, int to) {
   m_internals->imagesInSync = true;
 }
 
+/// Bytes of a segment up to the end of its last region. What lies behind is room for regions that
+/// grow: to read it would be enough to have the system provide memory for it.
+std::size_t TolvarAPI::endOfRegions(int shm_index) const {
+  const ProlatePointer& last = m_holder[shm_index].code_ptr[tolvar::kCodeTables - 1];
+  const auto* const segment = static_cast<const char*>(m_shm[shm_index].getPointer());
+  return static_cast<std::size_t>(static_cast<const char*>(last.Data()) - segment) + last.Size();
+}
+
 /// Makes segment `to`, which is too small, anew with the content of `from` and its own head: what
 /// it held would be overwritten, and need not be moved first. The head comes last, as a segment is
 /// known by the marks in its content; until then its statuses are those of an empty one.
@@ -57,7 +66,7 @@ void TolvarAPI::copyIntoLarger(int from, int to) {
   walkRegions(to);  // a damaged one could not be kept if there is none larger to be had
   qel::ZU_Shm old;
   replaceSegment(to, next, &old);
-  tolvar::fillContent(m_shm[to], sizeof(MemoryHead), m_shm[from]);
+  tolvar::fillContent(m_shm[to], sizeof(MemoryHead), m_shm[from], endOfRegions(from));
   WriteMemoryHead(to, m_memory_head[to]);
   walkRegions(to);
   WriteShareMemorySize(next);
@@ -81,14 +90,16 @@ void TolvarAPI::copyImage(int from, int to, const MemoryHead& announced) {
   const bool grows = m_shm[to].size() < m_shm[from].size();
   if (grows) copyIntoLarger(from, to);
   // A record that an operator removed is written anew from what the segments really are.
-  if (!ReadShareMemorySize(&total)) WriteShareMemorySize(m_shm[from].size());
-  qel::require(ReadShareMemorySize(&total), "ReadShareMemorySize(&total_shm_size)", "TolvarAPI",
-               __LINE__, kCopyFunction);
+  // It is not asked for once more: a system that removes what nobody is attached to has done so.
+  if (!ReadShareMemorySize(&total)) {
+    total = m_shm[from].size();
+    WriteShareMemorySize(total);
+  }
   qel::require(total > offset, "total_shm_size > offset", "TolvarAPI", __LINE__, kCopyFunction);
   if (!grows) {
-    // The record is a hint. What is copied is the whole source, which the target is large enough
-    // for, and neither mapping is touched beyond its end.
-    tolvar::copyContent(m_shm[to], offset, m_shm[from]);
+    // The record is a hint. What is copied are the source's regions, which the target is large
+    // enough for, and neither mapping is touched beyond its end.
+    tolvar::copyContent(m_shm[to], offset, m_shm[from], endOfRegions(from));
     walkRegions(to);
   }
 

@@ -6,16 +6,21 @@
 #include "src/side_task.h"
 
 void TolvarAPI::totalWriteData2Shm() {
+  const tolvar::Retirement retirement(*m_internals);
   const tolvar::ImageHold hold(m_internals->imageLock);
-  const bool shared = lockImage();
+  bool shared = lockImage();
   const int target = m_vectorIP == &m_ip_vector_impl[0] ? 1 : 0;
   const std::size_t count = m_vIPProperty.size();
   TOLVAR_LOG(kLogDebug, __LINE__, "before sort. m_vIPProperty.size = " << count);
 
+  if (shared) {
+    shared = hasRoom(m_internals->downloadRetry, [&] {
+      beginPublication(target, &MemoryHead::ip_usable);
+      ResizeIpBuffer(target, count);
+    });
+  }
   if (!shared) return takeOverUnshared(count);
 
-  beginPublication(target, &MemoryHead::ip_usable);
-  ResizeIpBuffer(target, count);
   tolvar::sortTable(&m_vIPProperty);
 
   m_tBegin = m_internals->clock.timeOfDay();

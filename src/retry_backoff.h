@@ -23,6 +23,9 @@ class RetryBackoff {
     return delay;
   }
 
+  /// The last failures came one after the other for a while: more than a second, as the waits go.
+  bool isLasting() const noexcept { return _nextDelay == kMaxDelayMillis; }
+
   void succeeded() noexcept { *this = RetryBackoff(); }
 
  private:

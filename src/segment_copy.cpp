@@ -50,13 +50,13 @@ void copyToNewSegment(void* to, const void* from, std::size_t size) {
            [=](std::size_t begin, std::size_t end) { copyNonZero(to, from, begin, end); });
 }
 
-void copyContent(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from) {
-  copyToSegment(byteOf(to, offset), byteOf(from, offset), from.size() - offset);
+void copyContent(qel::ZU_Shm& to, std::size_t begin, const qel::ZU_Shm& from, std::size_t end) {
+  copyToSegment(byteOf(to, begin), byteOf(from, begin), end - begin);
 }
 
-void fillContent(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from) {
+void fillContent(qel::ZU_Shm& to, std::size_t begin, const qel::ZU_Shm& from, std::size_t end) {
   const auto copy = to.iscreate() ? copyToNewSegment : copyToSegment;
-  copy(byteOf(to, offset), byteOf(from, offset), from.size() - offset);
+  copy(byteOf(to, begin), byteOf(from, begin), end - begin);
 }
 
 }  // namespace tolvar

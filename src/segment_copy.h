@@ -13,11 +13,11 @@ void copyToSegment(void* to, const void* from, std::size_t size);
 /// memory for the room that a fresh image leaves, which is most of it.
 void copyToNewSegment(void* to, const void* from, std::size_t size);
 
-/// Copies all of `from`, from byte `offset` on, to the same place of `to`, which is not smaller.
-void copyContent(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from);
+/// Copies bytes `begin` to `end` of `from` to the same place of `to`, which is large enough.
+void copyContent(qel::ZU_Shm& to, std::size_t begin, const qel::ZU_Shm& from, std::size_t end);
 
 /// The same for a `to` that was just initialized. One that was made here holds zeros; another
 /// process's may hold anything.
-void fillContent(qel::ZU_Shm& to, std::size_t offset, const qel::ZU_Shm& from);
+void fillContent(qel::ZU_Shm& to, std::size_t begin, const qel::ZU_Shm& from, std::size_t end);
 
 }  // namespace tolvar

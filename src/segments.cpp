@@ -39,6 +39,7 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
   m_shm_key[2] = key3;
   forgetSegments();
   refuseForeignRecord();
+  const tolvar::Retirement retirement(*m_internals);
   const tolvar::ImageHold lockHold(m_internals->imageLock);
   m_internals->unshared = !lockImageForStart();
 

@@ -7,8 +7,8 @@
 #include "src/segment_layout.h"
 
 /// A client whose tables are shared with nobody, because the start did not get the image's lock or
-/// its segments. It answers from its own download like any other, and every publication tries to
-/// share the tables.
+/// its segments, or because a table outgrew what the system gives. It answers from its own download
+/// like any other, and every publication tries to share the tables.
 
 namespace {
 
@@ -65,11 +65,7 @@ bool TolvarAPI::attachLate() {
 
 /// Lays into both segments, neither of which is complete, the tables that this client answers from.
 void TolvarAPI::shareOwnTables() {
-  int held = 0;
-  {
-    std::lock_guard<qel::ZU_ThreadMutex> hold(m_has_initialized_mutex);
-    held = m_has_initialized;
-  }
+  const int held = readiness();
   if (held == 0) return;
   constexpr int kFirst = 0;
   if ((held & 1) != 0) {
@@ -89,6 +85,40 @@ void TolvarAPI::shareOwnTables() {
     setHalf(kFirst, &MemoryHead::code_usable, kMemoryStatusReady);
   }
   mirrorImage(kFirst, 1 - kFirst);
+}
+
+/// True when something lies behind a key that this process does not map: a segment that it could
+/// make, but neither attach nor remove. Only who still holds the content can fill it.
+bool TolvarAPI::strangersBehindKeys() const noexcept {
+  for (int shm_index = 0; shm_index < 2; ++shm_index) {
+    const int id = qel::ZU_Shm::idOf(m_shm_key[shm_index]);
+    if (id >= 0 && id != m_shm[shm_index].id()) return true;
+  }
+  return false;
+}
+
+/// Does `prepare`, which makes room in the segments for a publication. False when the system has
+/// refused that for as long as `retry` tells: the tables then stay in this process, as if the start
+/// had found no segments, and whoever starts takes what is ready behind the keys. A refusal that is
+/// new comes out, and the publication is tried again.
+bool TolvarAPI::hasRoom(const tolvar::RetryBackoff& retry, const std::function<void()>& prepare) {
+  try {
+    prepare();
+    return true;
+  } catch (const qel::ZU_Exception& error) {
+    // Only who made a segment may replace it by a larger one.
+    const bool isRefusal = isWant(error) || error.getErrCode() == EPERM;
+    if (!isRefusal || !retry.isLasting() || strangersBehindKeys()) throw;
+    forgetSegments();
+    m_internals->unshared = true;
+    m_internals->imageLock.release();
+    noteError(tolvar::Step::ShareMemory, error.what());
+    TOLVAR_LOG(kLogError, __LINE__,
+               "no room for the tables in share memory, they stay in this process until a "
+               "publication finds some: "
+                   << error.what());
+  }
+  return false;
 }
 
 /// Publishes the gathered table for this process alone.

@@ -52,6 +52,11 @@ void TolvarAPI::retryLater(tolvar::RetryBackoff& retry, tolvar::Step step, const
   if (!m_terminated) timedWait(delay, m_internals->clock);
 }
 
+int TolvarAPI::readiness() const {
+  std::lock_guard<qel::ZU_ThreadMutex> hold(m_has_initialized_mutex);
+  return m_has_initialized;
+}
+
 void TolvarAPI::announceReady(int bit) {
   std::lock_guard<qel::ZU_ThreadMutex> hold(m_has_initialized_mutex);
   m_has_initialized |= bit;

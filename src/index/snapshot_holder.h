@@ -19,7 +19,7 @@ namespace tolvar {
 ///  2. A guard enters its read section before it loads `_current` and leaves it after its last use
 ///     of what it loaded.
 ///  3. A snapshot is destroyed only after it left `_current` and every read section that had begun
-///     by then has ended; by the thread that replaced it, in `publish` or the destructor.
+///     by then has ended; by the thread that replaced it, or in the destructor.
 ///  4. So a guard sees one snapshot, whole, until it ends. Two reads of one thread never see an
 ///     older snapshot after a newer one.
 template <class T>
@@ -82,9 +82,14 @@ class SnapshotHolder {
   /// Makes `next` (which may be null) the current snapshot, waits until no reader holds the one
   /// before and destroys that one. New readers see `next` from the start of the wait on.
   void publish(std::unique_ptr<const T> next) noexcept {
-    const std::unique_ptr<const T> retired(
-        _current.exchange(next.release(), std::memory_order_seq_cst));
+    const std::unique_ptr<const T> retired = replace(std::move(next));
     waitForReaders();
+  }
+
+  /// As `publish`, but waits for nobody and answers the snapshot before, which readers may still
+  /// hold: the caller destroys it after a `synchronize`.
+  [[nodiscard]] std::unique_ptr<const T> replace(std::unique_ptr<const T> next) noexcept {
+    return std::unique_ptr<const T>(_current.exchange(next.release(), std::memory_order_seq_cst));
   }
 
   /// Waits until all guards and read sections taken before the call, of any holder, are gone.

@@ -190,7 +190,10 @@ TEST_F(ShmFault, ARefusedRemovalIsReportedAndStillDetaches) {
     segment.del();
     ADD_FAILURE() << "del did not fail";
   } catch (const ZU_Exception& failure) {
-    EXPECT_STREQ(failure.what(), "[ZU_Shm::del]: shmctl failed (errno 1: Operation not permitted)");
+    EXPECT_EQ(std::string(failure.what()),
+              "[ZU_Shm::del]: shmctl failed for key " + std::to_string(keys.data0()) +
+                  ", whose segment another user made, who alone may replace it; run as that user "
+                  "or as root, or use other keys (errno 1: Operation not permitted)");
   }
   EXPECT_EQ(segment.getPointer(), nullptr);
   EXPECT_EQ(detached, 1);

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "tests/src/store_fixture.h"
+#include "tests/support/system_calls_guard.h"
 
 namespace {
 
@@ -120,6 +124,49 @@ TEST_F(Copy, WorksWhenTheSizeRecordIsDamaged) {
   EXPECT_EQ(RawSegment(keys.data0()).ranges(), rawRanges(smallTable(2)));
   EXPECT_TRUE(record.sizeMarksRight());
   EXPECT_EQ(record.recordedSize(), kDefaultTotal);
+}
+
+// The injected call is a plain function, so what it needs to know lies here.
+key_t removedKey = 0;
+
+/// A system that removes every segment with its last attachment (kernel.shm_rmid_forced).
+TEST_F(Copy, ARecordThatIsRemovedAgainAndAgainEndsNoProcess) {
+  SystemCallsGuard guard;
+  removedKey = keys.size();
+  guard.calls().shmdt = [](const void* address) {
+    const int answer = ::shmdt(address);
+    ::shmctl(::shmget(removedKey, 0, 0), IPC_RMID, nullptr);
+    return answer;
+  };
+  access().CopyShareMemory(0, 1);
+  expectReadable(1);
+}
+
+std::size_t bytesInMemory(int id) {
+  std::ifstream in("/proc/sysvipc/shm");
+  std::string line;
+  std::getline(in, line);
+  while (std::getline(in, line)) {
+    std::istringstream fields(line);
+    std::vector<std::uint64_t> values;
+    for (std::string field; fields >> field;)
+      values.push_back(std::strtoull(field.c_str(), nullptr, 10));
+    // key shmid perms size cpid lpid nattch uid gid cuid cgid atime dtime ctime rss swap
+    if (values.size() >= 16 && values[1] == static_cast<std::uint64_t>(id))
+      return values[14] + values[15];
+  }
+  return 0;
+}
+
+TEST_F(Copy, TakesNoMemoryForTheRoomBehindTheRegions) {
+  for (const int segment : {0, 1}) access().ResizeShareMemory(segment, kDefaultTotal + 1);
+  for (int copies = 0; copies < 2; ++copies) access().CopyShareMemory(copies, 1 - copies);
+  expectReadable(0);
+  for (const int segment : {0, 1}) {
+    const std::size_t taken = bytesInMemory(access().shm(segment).id());
+    EXPECT_GT(taken, 4096u);
+    EXPECT_LT(taken, kDefaultTotal + (std::size_t{8} << 20)) << segment;
+  }
 }
 
 using CopyDeathTest = Copy;

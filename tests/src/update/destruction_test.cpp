@@ -120,6 +120,18 @@ TEST(Destruction, RightAfterInitialize) {
   }
 }
 
+/// It would wait for the reader for ever, or take away what that shows.
+TEST(DestructionDeathTest, BeforeAReaderOfItsThreadAbortsWithAMessage) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        auto client = std::make_unique<TolvarAPI>();
+        const TolvarReader reader = client->read();
+        client.reset();
+      },
+      "the waiting thread is in no read section");
+}
+
 TEST(Destruction, DuringAPageLetsTheCallEndAndMakesNoOther) {
   HostWithOldImage host;
   HeldCall call;

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 
+#include <future>
+#include <thread>
+
 #include "platform/interprocess_lock.h"
 #include "tests/src/update/scene.h"
 
@@ -94,6 +97,31 @@ TEST(SharedImage, TheLockIsFreeDuringRemoteCallsAndAfterThem) {
   ASSERT_TRUE(scene.refresh());
   EXPECT_GE(calls, 4);
   expectFree();
+}
+
+/// Other processes do not wait for a thread of this one.
+TEST(SharedImage, AReaderThatIsHeldKeepsNobodyFromTheLock) {
+  ImageScene scene;
+  scene.server.publish(selfCheckingTable(1, 4));
+  ASSERT_TRUE(scene.refresh());
+  std::promise<void> held, release;
+  std::thread holder([&] {
+    const TolvarReader reader = scene.client.read();
+    held.set_value();
+    release.get_future().wait();
+  });
+  held.get_future().wait();
+  const Table next = selfCheckingTable(2, 4);
+  scene.access.gathered() = next.rows;
+  std::thread publisher([&] { scene.access.totalWriteData2Shm(); });
+  while (versionAt(scene.client, kFirstAddress) != 2) std::this_thread::yield();
+  EXPECT_TRUE(qel::InterprocessLock().acquire(scene.keys.size(), 5000));
+  EXPECT_EQ(digestOf(SegmentView(scene.keys.data0()).ranges()), digestOf(next.rows));
+  EXPECT_EQ(digestOf(SegmentView(scene.keys.data1()).ranges()), digestOf(next.rows));
+  release.set_value();
+  holder.join();
+  publisher.join();
+  scene.expectBothHold(scene.access.cltMd5());
 }
 
 TEST(SharedImage, ASegmentThatAnotherProcessGrewIsAttachedAgainBeforeItIsWritten) {

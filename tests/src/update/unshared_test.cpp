@@ -236,6 +236,105 @@ TEST(Unshared, AnImageThatHasOneSegmentOnlyStillAnswersTheStart) {
   EXPECT_EQ(versionAt(client, kFirstAddress), 1u);
 }
 
+std::atomic<std::size_t> largestSegment{SIZE_MAX};
+
+/// Lets the system refuse larger segments than there are with one errno, for a scope: new ones, or
+/// with EPERM the removal of old ones.
+class NoLargerSegments {
+ public:
+  NoLargerSegments(std::size_t bytes, int error) {
+    largestSegment = bytes;
+    refusal = error;
+    _guard.calls().shmget = [](key_t key, std::size_t size, int flags) {
+      if ((flags & IPC_CREAT) != 0 && size > largestSegment && refusal != EPERM) {
+        errno = refusal;
+        return -1;
+      }
+      return shmget(key, size, flags);
+    };
+    _guard.calls().shmctl = [](int id, int command, shmid_ds* data) {
+      if (command == IPC_RMID && refusal == EPERM) {
+        errno = refusal;
+        return -1;
+      }
+      return shmctl(id, command, data);
+    };
+  }
+
+ private:
+  SystemCallsGuard _guard;
+};
+
+/// Room for 4 ranges and 4 names a table, and the system gives no more.
+struct FullScene : StepScene {
+  TableServer server{service, 10};
+  FullScene() : StepScene(4, 4) {}
+
+  NoLargerSegments noMore(int error) const { return {SegmentView(keys.data0()).bytes(), error}; }
+  void expectSharedBy(const Table& table) {
+    for (const key_t key : {keys.data0(), keys.data1()}) {
+      const SegmentView segment(key);
+      EXPECT_EQ(segment.ipStatus(), 1u);
+      EXPECT_EQ(segment.codeStatus(), 1u);
+      EXPECT_EQ(digestOf(segment.ranges()), digestOf(table.rows));
+    }
+  }
+};
+
+class WithoutRoom : public testing::TestWithParam<int> {};
+
+TEST_P(WithoutRoom, AFirstTableAnswersInThisProcessUntilThereIsSome) {
+  FullScene scene;
+  {
+    const NoLargerSegments none = scene.noMore(GetParam());
+    scene.server.publish(selfCheckingTable(1, 25));
+    ASSERT_TRUE(scene.refresh());
+    EXPECT_EQ(scene.access.hasInitialized(), 3);
+    EXPECT_EQ(versionAt(scene.client, kFirstAddress + 24 * 256), 1u);
+    EXPECT_EQ(scene.access.cltMd5(), scene.server.digest());
+    const TolvarStatus status = scene.client.status();
+    EXPECT_TRUE(status.failing);
+    EXPECT_EQ(status.lastError.rfind("share memory: ", 0), 0u) << status.lastError;
+    scene.output.take();
+    EXPECT_EQ(textsStarting(scene.output.err, "no room for the tables in share memory").size(), 1u);
+  }
+  const Table next = selfCheckingTable(2, 30);
+  scene.server.publish(next);
+  ASSERT_TRUE(scene.refresh());
+  EXPECT_EQ(versionAt(scene.client, kFirstAddress + 29 * 256), 2u);
+  EXPECT_FALSE(scene.client.status().failing);
+  scene.expectSharedBy(next);
+}
+
+TEST_P(WithoutRoom, ANewerTableAnswersInThisProcessAndTheImageStaysWhole) {
+  FullScene scene;
+  const Table old = selfCheckingTable(1, 4);
+  scene.server.publish(old);
+  ASSERT_TRUE(scene.refresh());
+  const NoLargerSegments none = scene.noMore(GetParam());
+  scene.server.publish(selfCheckingTable(2, 25));
+  ASSERT_TRUE(scene.refresh());
+  EXPECT_EQ(versionAt(scene.client, kFirstAddress + 24 * 256), 2u);
+  const SegmentView segment0(scene.keys.data0()), segment1(scene.keys.data1());
+  const SegmentView& ready = segment0.ipStatus() == 1 ? segment0 : segment1;
+  EXPECT_EQ(ready.ipStatus(), 1u);
+  EXPECT_EQ(digestOf(ready.ranges()), digestOf(old.rows));
+}
+
+TEST_P(WithoutRoom, NamesThatNobodyHasYetAnswerInThisProcess) {
+  FullScene scene;
+  const NoLargerSegments none = scene.noMore(GetParam());
+  Table table = selfCheckingTable(1, 4);
+  for (int id = 0; id < 50; ++id) table.codes.push_back(code(5, id + 100, "extend"));
+  scene.server.publish(table);
+  ASSERT_TRUE(scene.refresh());
+  EXPECT_EQ(scene.access.hasInitialized(), 3);
+  EXPECT_EQ(scene.client.getOperByID(1), "v1 oper");
+  EXPECT_EQ(scene.client.getExtendByID(149), "extend");
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, WithoutRoom, testing::Values(ENOSPC, EINVAL, ENOMEM, EPERM));
+
 TEST(Unshared, SegmentsThatMayNotBeUsedAreStillRefused) {
   Scene scene;
   TableServer server(scene.service);
