@@ -2,8 +2,9 @@
 
 add_library(tolvar_options INTERFACE)
 target_include_directories(tolvar_options INTERFACE ${PROJECT_SOURCE_DIR})
+# Within another project the compiler is that one's choice, and a newer one knows more warnings.
 target_compile_options(tolvar_options INTERFACE
-  -Wall -Wextra -Werror -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual
+  -Wall -Wextra $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror> -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual
   -Wconversion -Wno-sign-conversion -fno-omit-frame-pointer)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 13)
   # The only compiler with this level; plain forms elsewhere complain about overload sets as well.
@@ -27,12 +28,22 @@ if(TOLVAR_SANITIZE)
   target_link_options(tolvar_options INTERFACE -fsanitize=${TOLVAR_SANITIZE})
 endif()
 
+# tolvar_public(NAME PUBLIC|INTERFACE): the library's headers are found, and it has a name for hosts,
+# tolvar::client for tolvar_client, wherever the tree is built and wherever it is installed.
+function(tolvar_public name scope)
+  target_include_directories(${name} ${scope}
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tolvar>)
+  string(REGEX REPLACE "^tolvar_" "" short ${name})
+  add_library(tolvar::${short} ALIAS ${name})
+  set_target_properties(${name} PROPERTIES EXPORT_NAME ${short})
+endfunction()
+
 # tolvar_library(NAME SOURCES file... LINKS target...): one layer of the product.
 function(tolvar_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
-  target_link_libraries(${name} PUBLIC ${arg_LINKS} PRIVATE tolvar_options)
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${arg_LINKS} PRIVATE $<BUILD_INTERFACE:tolvar_options>)
+  tolvar_public(${name} PUBLIC)
   # The headers need it, so whoever links a layer gets it, whatever a project around this one says.
   target_compile_features(${name} PUBLIC cxx_std_20)
   if(TOLVAR_SANITIZE)

@@ -111,7 +111,7 @@ class TolvarReader {
 ///
 /// Fork: a child forked after `initialize` looks up in the tables of that moment and may destroy
 /// the object; nothing refreshes it there, and `initialize` on it answers false. For current tables
-/// the child makes an object of its own.
+/// the child makes an object of its own (over gRPC not always: see GrpcCommunicator, Fork).
 ///
 /// Destruction: the update thread is stopped and joined first; then the members go in reverse order
 /// of declaration. The reporter holds the service's proxy by itself and delivers what is left

@@ -56,9 +56,11 @@ void ZU_RollBySize::roll(LogBatch& batch) {
 
 void ZU_RollBySize::openFile() {
   const std::string name = _path + kExtension;
-  const int error = _file.open(name);
+  int error = _file.open(name);
   const std::string directory = ZU_File::extractFilePath(_path);
-  if (!ZU_File::isDirectory(directory)) ZU_File::makeDirRecursive(directory);
+  // That the directory cannot be made says more than that it is not there.
+  if (!ZU_File::isDirectory(directory) && !ZU_File::makeDirRecursive(directory) && error != 0)
+    error = errno;
   if (error != 0) throw LoggerException("[ZU_RollBySize::roll]:fopen fail: " + name, error);
 }
 

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "platform/system_calls.h"
 
 namespace qel {
@@ -17,12 +19,20 @@ bool ZU_File::isDirectory(const std::string& path) noexcept {
 }
 
 bool ZU_File::makeDirRecursive(const std::string& path) {
+  int cause = 0;
+  const auto make = [&cause](const std::string& directory) {
+    const bool failed = systemCalls().mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST;
+    // Those below a directory that cannot be made only miss it.
+    if (failed && cause == 0) cause = errno;
+  };
   for (std::string::size_type at = path.find('/', 1); at != std::string::npos;
        at = path.find('/', at + 1)) {
-    systemCalls().mkdir(path.substr(0, at).c_str(), 0755);
+    make(path.substr(0, at));
   }
-  systemCalls().mkdir(path.c_str(), 0755);
-  return isDirectory(path);
+  make(path);
+  if (isDirectory(path)) return true;
+  errno = cause != 0 ? cause : ENOTDIR;
+  return false;
 }
 
 std::string ZU_File::extractFilePath(const std::string& path) {

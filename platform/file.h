@@ -14,7 +14,7 @@ class ZU_File {
   static bool isDirectory(const std::string& path) noexcept;
 
   /// Creates `path` and its missing parents with mode 0755 (less the umask).
-  /// True when the directory exists afterwards.
+  /// True when the directory exists afterwards; errno says why it does not.
   static bool makeDirRecursive(const std::string& path);
 
   /// The part of `path` before its last '/': "." when there is none, "/" for the root.

@@ -12,6 +12,7 @@
 # processes, one after the other, lookups are measured (default: 4); the smallest time counts.
 set -eu
 
+from=$(pwd)
 cd -- "$(dirname -- "$0")/.."
 tables="geoip 524288"
 output=docs/performance.md
@@ -23,7 +24,11 @@ while [ $# -gt 0 ]; do
         echo "bench.sh: --output needs a file" >&2
         exit 2
       fi
-      output=$2
+      # The caller's directory is meant.
+      case "$2" in
+        - | /*) output=$2 ;;
+        *) output=$from/$2 ;;
+      esac
       shift
       ;;
     -h | --help)
@@ -40,6 +45,12 @@ done
 
 jobs=${JOBS:-$(nproc)}
 rounds=${ROUNDS:-4}
+# Measuring takes long, so what cannot be written is said before.
+if [ "$output" != - ] && [ ! -w "$output" ] &&
+  { [ -e "$output" ] || [ ! -w "$(dirname -- "$output")" ]; }; then
+  echo "bench.sh: $output cannot be written; name another file with --output" >&2
+  exit 2
+fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 

@@ -14,6 +14,7 @@
 # JOBS sets the number of compilers at a time (default: one per processor).
 set -eu
 
+from=$(pwd)
 cd -- "$(dirname -- "$0")/.."
 output=docs/performance-network.md
 flags=""
@@ -24,7 +25,12 @@ while [ $# -gt 0 ]; do
         echo "bench_net.sh: $1 needs a value" >&2
         exit 2
       fi
-      if [ "$1" = --output ]; then output=$2; else flags="$flags $1=$2"; fi
+      # A file is meant from the caller's directory.
+      case "$1 $2" in
+        "--output -" | "--output /"*) output=$2 ;;
+        "--output "*) output=$from/$2 ;;
+        *) flags="$flags $1=$2" ;;
+      esac
       shift
       ;;
     -h | --help)
@@ -40,6 +46,12 @@ while [ $# -gt 0 ]; do
 done
 
 jobs=${JOBS:-$(nproc)}
+# Measuring takes long, so what cannot be written is said before.
+if [ "$output" != - ] && [ ! -w "$output" ] &&
+  { [ -e "$output" ] || [ ! -w "$(dirname -- "$output")" ]; }; then
+  echo "bench_net.sh: $output cannot be written; name another file with --output" >&2
+  exit 2
+fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 

@@ -4,10 +4,23 @@
 # loopback, looks a few well-known addresses up from another process and lets a client follow an
 # update. Stops everything it started; all files are below build/.
 #
-# usage: scripts/quickstart.sh
+# usage: scripts/quickstart.sh [--help]
+#
+# Takes a few minutes the first time, seconds after that. Leaves the programs in build/quickstart/tools.
 set -eu
 
 cd -- "$(dirname -- "$0")/.."
+case "${1-}" in
+  "") ;;
+  -h | --help)
+    sed -n '2,9s/^# \{0,1\}//p' scripts/quickstart.sh
+    exit 0
+    ;;
+  *)
+    echo "quickstart.sh: unknown option \"$1\"; try --help" >&2
+    exit 2
+    ;;
+esac
 table=/usr/share/tor/geoip
 build=build/quickstart
 run=$build/run

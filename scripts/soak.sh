@@ -26,7 +26,16 @@ case "${1-}" in
     sed -n '2,22s/^# \{0,1\}//p' "scripts/soak.sh"
     if [ $# -gt 0 ]; then exit 0; else exit 2; fi
     ;;
-  -*) ;;
+  --kills | --minutes | --processes | --publish-every | --kill-every | --seed | --small | --verbose) ;;
+  --*=*) ;;
+  -*)
+    echo "soak.sh: unknown option \"$1\"; try --help" >&2
+    exit 2
+    ;;
+  *[!0-9.]*)
+    echo "soak.sh: \"$1\" is not a number of minutes; try --help" >&2
+    exit 2
+    ;;
   *)
     minutes=$1
     shift

@@ -1,6 +1,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 #include "platform/abandon.h"
 #include "platform/read_epochs.h"
@@ -28,6 +30,20 @@ std::string takeLine(qel::ZU_ThreadStream& stream, int line) {
   std::string text = "TolvarAPI:" + std::to_string(line) + "]" + stream.str();
   stream.str("");
   return text;
+}
+
+/// The file lies in the working directory, which those who meet its name in a message did not
+/// choose.
+void mapPositionFile(qel::ZU_Mmap& file) {
+  try {
+    file.mmap("downloadPos.dat", kPositionFileBytes);
+  } catch (const qel::ZU_Exception& error) {
+    std::error_code ignored;
+    const std::string directory = std::filesystem::current_path(ignored).string();
+    throw qel::ZU_Exception(std::string(error.what()) + "; it lies in the working directory" +
+                            (directory.empty() ? "" : " (" + directory + ")") +
+                            ", where the process must be able to write");
+  }
 }
 
 /// Why a start that waited in vain did, by the bits of what is ready.
@@ -192,7 +208,7 @@ bool TolvarAPI::initializeAll(qel::Communicator* comm, const std::string& ip_ser
       m_has_initialized = 0;
     }
     if (!connectProxies(comm, ip_servant, fast_ip_servant)) return false;
-    m_posFile.mmap("downloadPos.dat", kPositionFileBytes);
+    mapPositionFile(m_posFile);
     TOLVAR_LIFECYCLE_LOG(kLogDebug, "current download position is " << m_currDownloadPos);
     loadClientConf();
     startReporter();

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/file.h"
 #include "tests/log/log_probe.h"
 #include "tests/support/manual_clock.h"
 #include "tests/support/temp_dir.h"
@@ -155,6 +156,23 @@ TEST_F(RollBySize, MissingDirectoryIsCreatedTheCallThrowsAndTheNextOneWrites) {
   }
   roller.roll(batch);
   EXPECT_EQ(readFile(dir.file("a/b/base.log")), "kept\n");
+}
+
+TEST_F(RollBySize, ADirectoryThatMayNotBeMadeIsTheCauseThatIsTold) {
+  const SystemCallsGuard guard;
+  guard.calls().mkdir = [](const char* path, mode_t) {
+    errno = ZU_File::isDirectory(path) ? EEXIST : EACCES;
+    return -1;
+  };
+  roller.init(dir.file("a/b/base"), 1000, 10);
+  LogBatch batch = batchOf({"kept"});
+  try {
+    roller.roll(batch);
+    ADD_FAILURE() << "no exception";
+  } catch (const LoggerException& e) {
+    EXPECT_EQ(e.getErrCode(), EACCES);
+  }
+  EXPECT_EQ(batch.size(), 1u);
 }
 
 TEST_F(RollBySize, UnopenableFileThrowsWithNameAndErrno) {

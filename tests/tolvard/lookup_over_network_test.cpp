@@ -76,6 +76,18 @@ TEST_F(LookupOverNetwork, AStartThatTakesLongSaysWhomItWaitsForAndWhy) {
   client.awaitLine("tolvar: still waiting: configuration: getConf at " + refusing.address());
 }
 
+TEST_F(LookupOverNetwork, AUnixSocketMayHaveARelativePath) {
+  import(TOLVAR_SAMPLE);
+  const TolvardProcess service(database(),
+                               {"--fast-listen", "unix:" + directory.file("here.sock")});
+  for (const char* socket : {"unix:here.sock", "127.0.0.1:1,unix:here.sock"}) {
+    const ToolRun run =
+        runTool("/bin/sh", {"-c", "cd \"$0\" && exec \"$1\" lookup --service \"$2\" 8.8.8.8",
+                            directory.path(), TOLVAR_TOOL, socket});
+    EXPECT_EQ(run.exitStatus, 0) << run.err;
+  }
+}
+
 TEST_F(LookupOverNetwork, TheExampleAnswersFromTheTableOfTheService) {
   import(TOLVAR_SAMPLE);
   const ShmKeys keys;

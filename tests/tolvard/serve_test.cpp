@@ -151,7 +151,7 @@ TEST_F(Serve, AnAddressInUseIsSaid) {
   TolvardProcess server(database());
   const ToolRun second = tolvard({"serve", "--listen", server.address()});
   EXPECT_EQ(second.exitStatus, 2);
-  EXPECT_THAT(second.err, AllOf(HasSubstr(server.address()), HasSubstr("in use")));
+  EXPECT_THAT(second.err, AllOf(HasSubstr(server.address()), HasSubstr("in use; end the process")));
 }
 
 TEST_F(Serve, FlagsThatDoNotGoTogetherAreSaid) {

@@ -94,6 +94,19 @@ TEST(Output, WhatIsLostIsAFailure) {
   }
 }
 
+TEST(Output, WhatIsClosedIsAFailureAndNoFileOfTheProgramsTakesItsPlace) {
+  const TempDir directory;
+  for (const std::string& words :
+       {std::string("lookup --table ") + TOLVAR_SAMPLE + " --log " + directory.path() + " 8.8.8.8",
+        std::string("shm ls"), std::string("--help")}) {
+    const ToolRun run = shell(words + " >&-");
+    EXPECT_EQ(run.exitStatus, 2) << words;
+    EXPECT_EQ(run.err, "tolvar: standard output: Bad file descriptor\n") << words;
+  }
+  EXPECT_EQ(tolvar_test::readFile(directory.file("Tolvar/API/Tolvar.API.log")).find("8.8.8.8"),
+            std::string::npos);
+}
+
 TEST(Output, AReaderThatHasSeenEnoughIsNoFailure) {
   const ToolRun run =
       shell(std::string("lookup --table ") + TOLVAR_SAMPLE +
@@ -255,6 +268,21 @@ TEST(Lookup, AnAddressThatNoServiceCanHaveIsRefusedBeforeAnythingIsStarted) {
   }
 }
 
+TEST(Help, AMistakeIsNamedWithTheCommandThatKnowsBetter) {
+  EXPECT_EQ(shell("lokup 8.8.8.8").err,
+            "tolvar: name a command: lookup, watch or shm; \"lokup\" is not known; \"8.8.8.8\" is "
+            "not known\nSee `tolvar --help`.\n");
+  EXPECT_EQ(shell("shm").err,
+            "tolvar shm: name a command: ls, show, verify or rm\nSee `tolvar shm --help`.\n");
+  EXPECT_EQ(
+      shell("watch --sevice localhost:1").err,
+      "tolvar watch: --service is required; \"--sevice\" is not known; \"localhost:1\" is not "
+      "known\nSee `tolvar watch --help`.\n");
+  const ToolRun twice = shell("lookup --table a --table b");
+  EXPECT_EQ(twice.exitStatus, 2);
+  EXPECT_NE(twice.err.find("See `tolvar lookup --help`."), std::string::npos) << twice.err;
+}
+
 TEST(Help, EachCommandSaysWhatItsExitStatusMeans) {
   EXPECT_NE(lookup({"--help"}).out.find("1 at least one was not or is no address"),
             std::string::npos);
@@ -270,6 +298,24 @@ std::vector<std::string> runDirectories(const std::string& below) {
     if (entry.path().filename().string().rfind("tolvar-", 0) == 0)
       names.push_back(entry.path().string());
   return names;
+}
+
+TEST(Lookup, NothingStaysBehindInATemporaryDirectoryOfARelativeName) {
+  const TempDir directory;
+  std::filesystem::create_directory(directory.file("own"));
+  const ToolRun run =
+      runTool("/bin/sh", {"-c", "cd \"$0\" && TMPDIR=own exec \"$1\" lookup --table \"$2\" 8.8.8.8",
+                          directory.path(), TOLVAR_TOOL, TOLVAR_SAMPLE});
+  EXPECT_EQ(run.exitStatus, 0) << run.err;
+  EXPECT_TRUE(std::filesystem::is_empty(directory.file("own")));
+}
+
+TEST(Lookup, ATemporaryDirectoryThatIsNoneIsSaid) {
+  const ToolRun run =
+      runTool("/bin/sh", {"-c", "TMPDIR=/does/not/exist exec \"$0\" lookup --table \"$1\" 8.8.8.8",
+                          TOLVAR_TOOL, TOLVAR_SAMPLE});
+  EXPECT_EQ(run.exitStatus, 2);
+  EXPECT_NE(run.err.find("/does/not/exist is none; set TMPDIR to"), std::string::npos) << run.err;
 }
 
 TEST(Lookup, ASignalEndsItAndNothingStaysBehind) {

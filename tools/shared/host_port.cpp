@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <filesystem>
 #include <limits>
 #include <string_view>
 
@@ -38,6 +39,12 @@ std::optional<HostPort> parseHostPort(const std::string& text) {
 
 bool isUnixSocket(const std::string& text) {
   return text.starts_with(kUnixPrefix) && text.size() > kUnixPrefix.size();
+}
+
+std::string withAbsolutePath(const std::string& text) {
+  if (!isUnixSocket(text)) return text;
+  const std::filesystem::path path(text.substr(kUnixPrefix.size()));
+  return std::string(kUnixPrefix) + std::filesystem::absolute(path).string();
 }
 
 }  // namespace tolvar::tools

@@ -19,4 +19,7 @@ std::optional<HostPort> parseHostPort(const std::string& text);
 /// True for "unix:PATH", a socket in the file system.
 bool isUnixSocket(const std::string& text);
 
+/// "unix:PATH" with the path made absolute; any other text as it is.
+std::string withAbsolutePath(const std::string& text);
+
 }  // namespace tolvar::tools

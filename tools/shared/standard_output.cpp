@@ -1,6 +1,8 @@
 #include "tools/shared/standard_output.h"
 
+#include <fcntl.h>
 #include <stdio_ext.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -25,6 +27,16 @@ OutputLost::OutputLost(int error)
       _error(error) {}
 
 bool OutputLost::readerLeft() const noexcept { return _error == EPIPE; }
+
+void reserveStandardDescriptors() noexcept {
+  for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(number, F_GETFD) >= 0) continue;
+    // The lowest free number, which is this one. For the other direction only, so that reading and
+    // writing fail as they would have.
+    [[maybe_unused]] const int taken =
+        open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
 
 void writeOutput(std::string_view text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) lose(errno);

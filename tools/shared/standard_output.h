@@ -18,6 +18,11 @@ class OutputLost : public std::runtime_error {
   int _error;
 };
 
+/// Takes the numbers of standard input, output and error where they are closed, so that no file or
+/// connection of the program's gets one of them and with it what is meant for a reader. What is
+/// written there is lost as before. To be called before anything is opened.
+void reserveStandardDescriptors() noexcept;
+
 /// Writes to standard output, which may keep it back until `flushOutput`. Throws OutputLost.
 void writeOutput(std::string_view text);
 

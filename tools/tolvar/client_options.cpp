@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "platform/exception.h"
+#include "tools/shared/host_port.h"
 #include "tools/tolvar/service_endpoints.h"
 
 namespace tolvar::tools {
@@ -67,6 +68,7 @@ void ClientOptions::declareHost(CLI::App& app) {
 
 ClientOptions ClientOptions::resolved() const {
   ClientOptions absolute = *this;
+  for (std::string& endpoint : absolute.service.endpoints) endpoint = withAbsolutePath(endpoint);
   makeAbsolute(absolute.logPath);
   for (std::string* file :
        {&absolute.service.caFile, &absolute.service.certFile, &absolute.service.keyFile})

@@ -1,7 +1,6 @@
 #include "tools/tolvar/private_run.h"
 
 #include <pthread.h>
-#include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -10,6 +9,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -34,6 +34,18 @@ std::array<key_t, 3> freeKeys() {
   }
   throw qel::ZU_Exception(
       "no free System V shared-memory keys were found; see `ipcs -m`, or name keys with --keys");
+}
+
+/// Absolute, for the run goes elsewhere and must find it at its end.
+std::filesystem::path temporaryDirectory() {
+  try {
+    return std::filesystem::absolute(std::filesystem::temp_directory_path());
+  } catch (const std::filesystem::filesystem_error& error) {
+    const char* const setting = std::getenv("TMPDIR");
+    throw qel::ZU_Exception(
+        "no directory for temporary files: " + std::string(setting != nullptr ? setting : "/tmp") +
+        " is none; set TMPDIR to a directory that can be written (" + error.code().message() + ")");
+  }
 }
 
 void removeBehind(key_t key) noexcept {
@@ -98,9 +110,11 @@ const std::string& PrivateRun::directory() const noexcept { return _belongings->
 const std::array<key_t, 3>& PrivateRun::keys() const noexcept { return _belongings->keys; }
 
 void PrivateRun::enterDirectory() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "tolvar-XXXXXX").string();
+  std::string pattern = (temporaryDirectory() / "tolvar-XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr)
-    throw qel::ZU_Exception("cannot create a directory like " + pattern, errno);
+    throw qel::ZU_Exception("cannot create a directory like " + pattern +
+                                "; set TMPDIR to a directory that can be written",
+                            errno);
   _belongings->directory = pattern;
   if (chdir(pattern.c_str()) != 0)
     throw qel::ZU_Exception("cannot enter the directory " + pattern, errno);

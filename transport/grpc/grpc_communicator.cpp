@@ -1,8 +1,10 @@
 #include "transport/grpc/grpc_communicator.h"
 
+#include "platform/abandon.h"
 #include "platform/exception.h"
 #include "transport/grpc/client_credentials.h"
 #include "transport/grpc/endpoint_set.h"
+#include "transport/grpc/grpc_fork.h"
 #include "transport/grpc/grpc_proxies.h"
 #include "transport/grpc/page_request.h"
 
@@ -28,6 +30,7 @@ void checkOptions(const GrpcOptions& options) {
 
 GrpcOptions checked(GrpcOptions options) {
   checkOptions(options);
+  claimGrpc();
   return options;
 }
 
@@ -37,9 +40,21 @@ GrpcCommunicator::GrpcCommunicator(GrpcOptions options)
     : _core(std::make_shared<GrpcCore>(checked(std::move(options)))),
       _credentials(std::make_shared<ClientCredentials>(_core->options.tls)) {}
 
-GrpcCommunicator::~GrpcCommunicator() { end(); }
+GrpcCommunicator::~GrpcCommunicator() {
+  if (isGrpcLostInFork()) {
+    // The connections are the parent's, and its threads may have held any lock.
+    qel::abandon(_core);
+    qel::abandon(_credentials);
+    qel::abandon(_endpoints);
+    qel::abandon(_sets);
+  } else {
+    end();
+  }
+}
 
-void GrpcCommunicator::end() { _core->calls.end(); }
+void GrpcCommunicator::end() {
+  if (!isGrpcLostInFork()) _core->calls.end();
+}
 
 void GrpcCommunicator::stringToProxy(const std::string& name, ravel::TolvarPrx& proxy) {
   proxy = std::make_shared<GrpcTolvarProxy>(
@@ -53,6 +68,7 @@ void GrpcCommunicator::stringToProxy(const std::string& name, ravel::FTolvarPrx&
 
 std::shared_ptr<const EndpointSet> GrpcCommunicator::resolve(const std::string& name,
                                                              const std::string& foreign) {
+  claimGrpc();
   if (name.ends_with(foreign))
     throw qel::ZU_Exception("the object name " + name + " is one of the other object (" + foreign +
                             ")");

@@ -6,6 +6,7 @@
 #include "platform/exception.h"
 #include "tolvar.pb.h"
 #include "transport/grpc/bytes_call.h"
+#include "transport/grpc/grpc_fork.h"
 #include "transport/grpc/message_parser.h"
 #include "transport/grpc/page_bytes.h"
 #include "transport/grpc/page_codec.h"
@@ -112,6 +113,7 @@ GrpcTarget::GrpcTarget(std::shared_ptr<GrpcCore> sharedCore,
       ahead(std::make_shared<PageAhead>(core->calls, family, pageMethod)) {}
 
 GrpcTarget GrpcTarget::select(std::int64_t key) const {
+  claimGrpc();  // to choose, connections are tried
   GrpcTarget chosen(*this);
   chosen.bound = servers->select(key);
   return chosen;
@@ -119,6 +121,7 @@ GrpcTarget GrpcTarget::select(std::int64_t key) const {
 
 void GrpcTarget::call(const CallPlan& plan, const CallContext& context, CallContext* response,
                       const CallRunner::Attempt& attempt) const {
+  claimGrpc();
   CallRunner runner(core->calls, family);
   const EndpointSet::Endpoints order =
       bound ? EndpointSet::Endpoints{bound} : servers->ordered(core->spreadKey);
@@ -126,6 +129,7 @@ void GrpcTarget::call(const CallPlan& plan, const CallContext& context, CallCont
 }
 
 void GrpcTarget::cancel() const {
+  if (isGrpcLostInFork()) return;
   core->calls.cancel(family);
   ahead->drop();
 }

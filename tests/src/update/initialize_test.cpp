@@ -296,6 +296,18 @@ INSTANTIATE_TEST_SUITE_P(
                    "initialize exception:[ZU_Mmap::mmap]"}),
     [](const auto& parameter) { return parameter.param.what; });
 
+TEST(Initialize, APositionFileThatCannotBeMadeNamesTheWorkingDirectory) {
+  Scene scene;
+  std::filesystem::create_directory("downloadPos.dat");
+  TolvarAPI client;
+  EXPECT_FALSE(client.initialize(scene.options()));
+  const std::string error = client.status().lastError;
+  EXPECT_NE(error.find("working directory (" + std::filesystem::current_path().string() +
+                       "), where the process must be able to write"),
+            std::string::npos)
+      << error;
+}
+
 TEST(Initialize, ProxyThatCannotBeMadeIsAnException) {
   struct Refusing : qel::Communicator {
     void stringToProxy(const std::string& name, ravel::TolvarPrx&) override {

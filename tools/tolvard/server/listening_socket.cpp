@@ -40,7 +40,8 @@ constexpr int kPortAttempts = 16;
 
 const char* meaningOf(int error) {
   switch (error) {
-    case EADDRINUSE: return "the address is in use";
+    case EADDRINUSE:
+      return "the address is in use; end the process that listens there or take another port";
     case EADDRNOTAVAIL:
     case EAFNOSUPPORT: return "the address is not this machine's";
     case EACCES:
