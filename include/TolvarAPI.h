@@ -134,7 +134,9 @@ class TolvarAPI : public qel::ZU_Thread,
                   key_t shm_key_1, key_t shm_key_2, std::string log_path, key_t shm_key_3);
 
   /// Starts the update thread; `initialize` does it. Nothing but an error in `status` and log comes
-  /// of it where the thread runs already, or where `initialize` has not said whom to ask.
+  /// of it where the thread runs already, or where `initialize` has not said whom to ask. After an
+  /// `initialize` that failed on its segments the tables stay in this process; after `terminate`,
+  /// or one that waited in vain, only `initialize` brings the thread back.
   void start();
 
   /// Asks the update thread to end after its current pass. Neither wakes nor joins it.
@@ -211,6 +213,7 @@ class TolvarAPI : public qel::ZU_Thread,
                      const std::string& log_path);
   bool refuseInFork();
   void startUpdateThread();
+  void cancelCallsForARound();
   void abandonParents() noexcept;
   void openLog(const std::string& log_path);
   bool connectProxies(qel::Communicator* comm, const std::string& ip_servant,
@@ -233,6 +236,7 @@ class TolvarAPI : public qel::ZU_Thread,
   // --- Shared memory (segments.cpp, segment_words.cpp, image_lock.cpp, unshared.cpp, growth.cpp,
   //     mirror.cpp) ---
   void InitializeShareMemory(key_t key1, key_t key2, key_t key3);
+  void beginWithImage();
   void refuseForeignRecord();
   bool ReadShareMemorySize(std::size_t* size);
   void WriteShareMemorySize(std::size_t size);
@@ -285,6 +289,7 @@ class TolvarAPI : public qel::ZU_Thread,
   bool checkIsDue();
   void askForChange(ravel::CheckInfo* info);
   bool followCheck(const ravel::CheckInfo& info);
+  void noteDownloadGivenUp();
   void armFullDownload();
   void installClientConf();
   /// True when the table is complete.
@@ -318,7 +323,7 @@ class TolvarAPI : public qel::ZU_Thread,
   std::atomic<std::int64_t> m_simple_key;              // any thread
   TolvarAPIOptions m_init_options;
   std::int64_t m_proxy_hash_key;
-  ravel::TolvarPrx _pTolvarPrx;
+  ravel::TolvarPrx _pTolvarPrx;  // both proxies are written under the monitor
   ravel::FTolvarPrx _pFTolvarPrx;
   MemoryHead m_memory_head[2];
   IPVector m_ip_vector_impl[2];

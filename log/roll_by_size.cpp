@@ -1,8 +1,10 @@
 #include "log/roll_by_size.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <iostream>
 #include <mutex>
+#include <system_error>
 #include <vector>
 
 #include "platform/file.h"
@@ -50,7 +52,7 @@ void ZU_RollBySize::roll(LogBatch& batch) {
   if (_file.size() < _maxSize) return;
   // Whoever is renaming the file now, or has done so already, did it for everybody.
   if (!_file.lockForRename()) return;
-  if (_file.isBehind(_path + kExtension)) shiftFiles();
+  if (_file.isBehind(_path + kExtension)) noteShift(shiftFiles());
   openFile();
 }
 
@@ -96,7 +98,18 @@ std::string ZU_RollBySize::numbered(int number) const {
   return number == 0 ? _path + kExtension : _path + std::to_string(number) + kExtension;
 }
 
-void ZU_RollBySize::shiftFiles() {
+/// Says once, where the log's own failures are told, that its file is not rolled any more.
+void ZU_RollBySize::noteShift(int error) {
+  if (error != 0 && !_stuck) {
+    std::fprintf(stderr, "[ZU_RollBySize::roll]: cannot rename %s (%s); it grows beyond %d bytes\n",
+                 (_path + kExtension).c_str(), std::generic_category().message(error).c_str(),
+                 _maxSize);
+  }
+  _stuck = error != 0;
+}
+
+/// Answers 0, or the errno value of a file that could not be moved.
+int ZU_RollBySize::shiftFiles() {
   const SystemCalls& calls = systemCalls();
   const std::string oldest = _path + std::to_string(_maxNum - 1) + kExtension;
   if (ZU_File::isFileExist(oldest)) calls.remove(oldest.c_str());
@@ -104,8 +117,9 @@ void ZU_RollBySize::shiftFiles() {
     const std::string source = numbered(i);
     if (!ZU_File::isFileExist(source)) continue;
     // A file that cannot be moved must not be overwritten by the next one.
-    if (calls.rename(source.c_str(), numbered(i + 1).c_str()) != 0) return;
+    if (calls.rename(source.c_str(), numbered(i + 1).c_str()) != 0) return errno;
   }
+  return 0;
 }
 
 void ZU_RollBySize::appendUnlocked(std::string_view text) noexcept {

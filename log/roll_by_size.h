@@ -22,7 +22,8 @@ namespace qel {
 /// Several processes, and several loggers of one process, may write and roll one path. Every batch
 /// is appended by one write call, so lines of two processes never mix. A file is renamed only by
 /// the one that holds a lock on it and finds it still behind its name; the others go on writing to
-/// the file they have open and follow at their next re-check.
+/// the file they have open and follow at their next re-check. A file that cannot be renamed grows
+/// on; standard error says so once.
 class ZU_RollBySize {
  public:
   class RollWrapperI;
@@ -51,7 +52,8 @@ class ZU_RollBySize {
   void openFile();
   void writeToFile(LogBatch& batch);
   void writeToStandardOutput(LogBatch& batch);
-  void shiftFiles();
+  int shiftFiles();
+  void noteShift(int error);
   std::string numbered(int number) const;
 
   const WriteEntry _write;
@@ -64,6 +66,7 @@ class ZU_RollBySize {
   int _maxNum = 10;
   LogFile _file;
   std::time_t _lastCheck = 0;
+  bool _stuck = false;  ///< the last attempt to rename the file failed
 };
 
 /// The roller as a logger's base.

@@ -88,7 +88,11 @@ void ReportCourier::cancelCall(Lock& lock) {
   _cancelled = true;
   const ravel::TolvarPrx proxy = _proxy;
   lock.unlock();
-  if (proxy != nullptr) proxy->cancelCalls();
+  try {
+    if (proxy != nullptr) proxy->cancelCalls();
+  } catch (...) {
+    // The call goes on, then, and is left to itself if it goes on for too long.
+  }
   lock.lock();
 }
 

@@ -1,5 +1,6 @@
 #include "src/client_internals.h"
 #include "src/client_log.h"
+#include "src/selected_server.h"
 
 namespace {
 constexpr int kCheckSeconds = 600;
@@ -20,8 +21,12 @@ bool TolvarAPI::checkChange() {
       noteSuccess(tolvar::Step::ChangeCheck);
       // The service has no newer one, or gave it just now.
       noteSuccess(tolvar::Step::Configuration);
-      // The table held is the service's, so there is nothing left to download.
-      if (m_isReset == 0) noteSuccess(tolvar::Step::Download);
+      if (m_isReset == 0) {
+        // The table held is the service's, so there is nothing left to download but names that came
+        // with it and could not be had then: no later answer would ask for them.
+        noteSuccess(tolvar::Step::Download);
+        m_internals->codesOwed = m_internals->isFailing(tolvar::Step::CodeTables);
+      }
     }
   } catch (const qel::ZU_Exception& error) {
     TOLVAR_LOG(kLogError, 831, "catch qel exception: " << error.what());
@@ -42,8 +47,9 @@ bool TolvarAPI::checkIsDue() {
   const std::int64_t steady = m_internals->clock.steadyMillis();
   TOLVAR_LOG(kLogDebug, 752,
              "now=" << now << ", last=" << m_lastCheckFileChanged << ", max=" << kCheckSeconds);
-  // The steady clock keeps checks coming when the wall clock is set back.
-  const bool dueBySteady = m_internals->lastCheckSteady >= 0 &&
+  // The steady clock keeps checks coming when the wall clock is set back. The first one comes at
+  // once also on a host whose wall clock begins in 1970, or before.
+  const bool dueBySteady = m_internals->lastCheckSteady < 0 ||
                            steady - m_internals->lastCheckSteady >= kCheckSeconds * 1000;
   if (now - m_lastCheckFileChanged <= kCheckSeconds - 1 && !dueBySteady) {
     TOLVAR_LOG(kLogDebug, 824, "NOT need check change...");
@@ -57,7 +63,7 @@ bool TolvarAPI::checkIsDue() {
 void TolvarAPI::askForChange(ravel::CheckInfo* info) {
   if (!_pTolvarPrx) throw qel::ZU_Exception("no service to ask before initialize");
   m_proxy_hash_key = m_internals->clock.time();
-  const ravel::TolvarPrx proxy = _pTolvarPrx->selectServer(m_proxy_hash_key);
+  const ravel::TolvarPrx proxy = tolvar::selectedServer(*_pTolvarPrx, m_proxy_hash_key);
   ravel::CheckReq req;
   req.contentMd5 = m_cltMd5;
   req.apiVersion = kApiVersion;
@@ -79,7 +85,8 @@ void TolvarAPI::askForChange(ravel::CheckInfo* info) {
 /// Does what the service answered; false when it has no time for this client.
 bool TolvarAPI::followCheck(const ravel::CheckInfo& info) {
   m_isReset = info.isReset;
-  if (info.isNetFlow == 1) {
+  m_internals->overloaded = info.isNetFlow == 1;
+  if (m_internals->overloaded) {
     TOLVAR_LOG(kLogWarn, 782, "server net over flow! please retry after a while.");
     m_isTotalDownLoading = false;
     m_isCheckingCode = false;
@@ -94,6 +101,7 @@ bool TolvarAPI::followCheck(const ravel::CheckInfo& info) {
   } else {
     // This also ends a download that has been running since the last check: one that needs ten
     // minutes is not getting anywhere.
+    if (m_isTotalDownLoading) noteDownloadGivenUp();
     m_isTotalDownLoading = false;
     m_isCheckingCode = false;
   }
@@ -103,6 +111,15 @@ bool TolvarAPI::followCheck(const ravel::CheckInfo& info) {
                "clientConf update=" << m_client_conf.getQueryData()->conf.confVersion);
   }
   return true;
+}
+
+void TolvarAPI::noteDownloadGivenUp() {
+  constexpr const char* kWhat =
+      "given up, because it was not complete after 600 seconds; the next change check begins anew";
+  TOLVAR_LOG(kLogWarn, __LINE__,
+             "download " << kWhat << ". ranges so far: " << m_vIPProperty.size());
+  // A failure of the download itself says more.
+  if (!m_internals->isFailing(tolvar::Step::Download)) noteError(tolvar::Step::Download, kWhat);
 }
 
 void TolvarAPI::armFullDownload() {

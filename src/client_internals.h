@@ -128,11 +128,21 @@ struct ClientInternals {
   std::size_t pageBegin = 0;
   /// The furthest position that the running download has reached, also before it began anew.
   std::uint64_t furthest = 0;
+  /// The service answered the last change check that it has no time.
+  bool overloaded = false;
+  /// The code tables of the table held could not be had, and are asked for once more.
+  bool codesOwed = false;
   /// The table gathered by the running download has been taken over.
   bool tableTakenOver = false;
   /// Both data segments hold the same image; false from the start of a publication to the end of
   /// its copy, and after one that failed.
   bool imagesInSync = true;
+
+  /// True when the last attempt at `step` has failed.
+  bool isFailing(Step step) const {
+    std::lock_guard<std::mutex> hold(statusMutex);
+    return errors.goesOn(step);
+  }
 
   /// Guards `status` and `errors`; taken after the client's monitor when both are held.
   mutable std::mutex statusMutex;

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include "include/code_gap.h"
 #include "src/client_internals.h"
@@ -36,7 +37,8 @@ std::string shown(const std::string& name) {
 }  // namespace
 
 bool TolvarAPI::checkCodeChangeRequest() {
-  if (!m_isCheckingCode) return false;
+  const bool owed = std::exchange(m_internals->codesOwed, false);
+  if (!m_isCheckingCode && !owed) return false;
   try {
     TOLVAR_LOG(kLogDebug, __LINE__,
                "begin check code change request. this="

@@ -4,6 +4,7 @@
 
 #include "src/client_internals.h"
 #include "src/client_log.h"
+#include "src/selected_server.h"
 
 namespace {
 
@@ -33,13 +34,13 @@ bool TolvarAPI::totalDownloadRequest() {
     TOLVAR_LOG(kLogDebug, 862, "begin small download, high_pos=" << high << ", low_pos=" << low);
     ravel::downloadInfo page;
     if (m_cltMd5 == "0") {
-      const ravel::FTolvarPrx proxy = _pFTolvarPrx->selectServer(m_proxy_hash_key);
+      const ravel::FTolvarPrx proxy = tolvar::selectedServer(*_pFTolvarPrx, m_proxy_hash_key);
       TOLVAR_LOG(kLogDebug, 868,
                  "This is the first totalDownloadRequest,the m_cltMd5 is: "
                      << m_cltMd5 << ", proxy=" << static_cast<const void*>(proxy.get()));
       proxy->FirstTotalDownloadIPInfo(high, low, kPageRanges, page);
     } else {
-      const ravel::TolvarPrx proxy = _pTolvarPrx->selectServer(m_proxy_hash_key);
+      const ravel::TolvarPrx proxy = tolvar::selectedServer(*_pTolvarPrx, m_proxy_hash_key);
       TOLVAR_LOG(kLogDebug, 876,
                  "This is the non_first totalDownloadRequest,the m_cltMd5 is: "
                      << m_cltMd5 << ", proxy=" << static_cast<const void*>(proxy.get()));

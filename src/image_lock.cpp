@@ -47,6 +47,8 @@ tolvar::ImageLock TolvarAPI::acquireImageLock(int milliseconds) {
 /// is none.
 bool TolvarAPI::lockImage() {
   using tolvar::ImageLock;
+  // No start has come as far as segments that may be used.
+  if (m_shm_key[2] == 0 && m_shm[0].getPointer() == nullptr) return false;
   const bool unshared = m_internals->unshared;
   const int limit = unshared ? std::min(m_internals->publisherLockMillis, kUnsharedMillis)
                              : m_internals->publisherLockMillis;

@@ -46,6 +46,16 @@ void mapPositionFile(qel::ZU_Mmap& file) {
   }
 }
 
+/// A call that cannot be cancelled ends by itself; what keeps it from being cancelled is no reason
+/// to end the process, as an exception out of a destructor would.
+template <class Proxy>
+void cancelCallsOf(const Proxy& proxy) noexcept {
+  try {
+    if (proxy) proxy->cancelCalls();
+  } catch (...) {
+  }
+}
+
 /// Why a start that waited in vain did, by the bits of what is ready.
 const char* missingTables(int mask) {
   if (mask == 0) return "the service offered neither ranges nor names in time";
@@ -93,7 +103,14 @@ TolvarAPI::~TolvarAPI() {
   tolvar::requireNoReadSection();
   // A start that another thread is still at ends first.
   m_internals->destroying = true;
-  std::lock_guard<std::mutex> hold(m_internals->initializing);
+  std::unique_lock<std::mutex> hold(m_internals->initializing, std::try_to_lock);
+  while (!hold.owns_lock()) {
+    {
+      Lock monitor(*this);
+      cancelCallsForARound();
+    }
+    hold.try_lock();
+  }
   stopUpdateThread();
 }
 
@@ -111,20 +128,23 @@ void TolvarAPI::abandonParents() noexcept {
   static_cast<void>(m_internals.release());
 }
 
+/// Cancels what is under way and gives it a while to end. The caller holds the monitor.
+void TolvarAPI::cancelCallsForARound() {
+  cancelCallsOf(_pTolvarPrx);
+  cancelCallsOf(_pFTolvarPrx);
+  timedWait(kCancelRoundMillis);
+}
+
 void TolvarAPI::stopUpdateThread() {
   if (m_internals->isForkedCopy()) return;
-  // The thread may be waiting for a reader of this one.
+  // The update thread may be waiting for this thread's reader, with the monitor in its hands.
   tolvar::requireNoReadSection();
   Lock hold(*this);
   terminate();
   notifyAll();
   // A call under way would keep the thread until its deadline, and the thread may begin one more
   // before it looks at the flag, so calls are cancelled until it has ended.
-  while (isAlive() && !m_internals->updateEnded) {
-    if (_pTolvarPrx) _pTolvarPrx->cancelCalls();
-    if (_pFTolvarPrx) _pFTolvarPrx->cancelCalls();
-    timedWait(kCancelRoundMillis);
-  }
+  while (isAlive() && !m_internals->updateEnded) cancelCallsForARound();
   unlock();
   getThreadControl().join();
   lock();
@@ -238,9 +258,12 @@ void TolvarAPI::resetUpdateState() {
   m_internals->lastCheckSteady = -1;
   m_internals->downloadRetry.succeeded();
   m_internals->codeRetry.succeeded();
+  m_internals->codesOwed = false;
+  m_internals->overloaded = false;
   {
     std::lock_guard<std::mutex> hold(m_internals->statusMutex);
     m_internals->status.fromImage = false;
+    m_internals->status.imageDigest.clear();
   }
   // A digest stands for the segments that an earlier call attached to; the ones to come may differ.
   Lock hold(*this);
@@ -270,8 +293,18 @@ bool TolvarAPI::connectProxies(qel::Communicator* comm, const std::string& ip_se
     return false;
   }
   if (comm == nullptr) throw qel::ZU_Exception("no communicator was given in the options");
-  comm->stringToProxy(ip_servant, _pTolvarPrx);
-  comm->stringToProxy(fast_ip_servant, _pFTolvarPrx);
+  // Both or none: `start` may be called after this has failed.
+  ravel::TolvarPrx mainProxy;
+  ravel::FTolvarPrx fastProxy;
+  comm->stringToProxy(ip_servant, mainProxy);
+  comm->stringToProxy(fast_ip_servant, fastProxy);
+  if (!mainProxy || !fastProxy) {
+    throw qel::ZU_Exception("the communicator made no proxy for the object \"" +
+                            (mainProxy ? fast_ip_servant : ip_servant) + "\"");
+  }
+  Lock hold(*this);
+  _pTolvarPrx.swap(mainProxy);
+  _pFTolvarPrx.swap(fastProxy);
   return true;
 }
 
@@ -321,7 +354,11 @@ bool TolvarAPI::awaitReadiness() {
   if (mask == kAllReady) return true;
   stopUpdateThread();
   // What failed meanwhile says more.
-  if (!status().failing) noteError(tolvar::Step::Initialize, missingTables(mask));
+  if (!status().failing) {
+    noteError(tolvar::Step::Initialize,
+              m_internals->overloaded ? "the service is overloaded and sends no tables; try later"
+                                      : missingTables(mask));
+  }
   return false;
 }
 

@@ -7,6 +7,10 @@
 
 namespace {
 
+/// Longest sampled line, in bytes. An address is whatever text the host was sent, and transports
+/// refuse longer lines, with all others of the delivery, each time it is repeated.
+constexpr std::size_t kMaxSampleBytes = 8192;
+
 /// Does `report`, which is about a lookup that was drawn as a sample. One for which there is no
 /// memory was not drawn; the answer stands.
 template <class Report>
@@ -68,7 +72,9 @@ bool TolvarAPI::simple() {
 }
 
 void TolvarAPI::reportLog(const std::string& text) {
-  m_report.reportSimpleLog(text, m_client_conf.getQueryData()->conf.logBufferLimit);
+  const int limit = m_client_conf.getQueryData()->conf.logBufferLimit;
+  if (text.size() <= kMaxSampleBytes) return m_report.reportSimpleLog(text, limit);
+  m_report.reportSimpleLog(text.substr(0, kMaxSampleBytes - 3) + "...", limit);
 }
 
 std::string IPHumanMessage::ToString() const {

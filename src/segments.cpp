@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <new>
 
 #include "src/client_internals.h"
@@ -38,6 +39,18 @@ void TolvarAPI::InitializeShareMemory(key_t key1, key_t key2, key_t key3) {
   m_shm_key[1] = key2;
   m_shm_key[2] = key3;
   forgetSegments();
+  try {
+    beginWithImage();
+  } catch (...) {
+    // What is attached by now may be somebody else's. Nobody publishes into it, also when the host
+    // goes on with `start`.
+    forgetSegments();
+    std::fill(std::begin(m_shm_key), std::end(m_shm_key), 0);
+    throw;
+  }
+}
+
+void TolvarAPI::beginWithImage() {
   refuseForeignRecord();
   const tolvar::Retirement retirement(*m_internals);
   const tolvar::ImageHold lockHold(m_internals->imageLock);

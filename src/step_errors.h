@@ -23,6 +23,9 @@ class StepErrors {
   /// Whatever made `step` fail is over.
   void succeeded(Step step) noexcept;
 
+  /// True from a failure of `step` until it succeeds.
+  bool goesOn(Step step) const noexcept { return _last[static_cast<std::size_t>(step)].goesOn; }
+
   /// Sets what `*status` says about failures: the last of those that are not over, or else the last
   /// of all.
   void show(TolvarStatus* status) const;

@@ -238,6 +238,29 @@ TEST_F(RollBySize, AFileThatCannotBeMovedIsNotOverwritten) {
   EXPECT_EQ(content(".log"), "new\n");
 }
 
+TEST_F(RollBySize, AFileThatCannotBeMovedIsToldOfOnce) {
+  const SystemCallsGuard guard;
+  static bool refuse;
+  refuse = true;
+  guard.calls().rename = [](const char* from, const char* to) {
+    if (!refuse) return ::rename(from, to);
+    errno = EACCES;
+    return -1;
+  };
+  init(1, 10);
+  testing::internal::CaptureStderr();
+  writeLater("one");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "[ZU_RollBySize::roll]: cannot rename " + file(".log") +
+                " (Permission denied); it grows beyond 1 bytes\n");
+  testing::internal::CaptureStderr();
+  writeLater("two");
+  refuse = false;
+  writeLater("three");
+  EXPECT_EQ(content("1.log"), "one\ntwo\nthree\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(RollBySize, DoesNotRollAgainWhatAnotherProcessHasJustRolled) {
   const SystemCallsGuard guard;
   static std::string from, to;

@@ -122,6 +122,7 @@ class HangingProxy : public ravel::TolvarProxy {
     std::lock_guard<std::mutex> lock(mutex);
     cancelled = true;
     changed.notify_all();
+    if (cancelThrows) throw 1;
   }
   int getConf(ravel::ClientConf&, const ravel::CallContext&, ravel::CallContext*) override {
     return 0;
@@ -153,6 +154,7 @@ class HangingProxy : public ravel::TolvarProxy {
   std::mutex mutex;
   std::condition_variable changed;
   bool cancelled = false;
+  bool cancelThrows = false;
   int calls = 0;
 };
 
@@ -165,6 +167,16 @@ TEST_F(ClientReportTest, AHangingCallIsCancelledSoThatNoThreadStaysBehind) {
   EXPECT_TRUE(proxy->cancelled);
   EXPECT_EQ(proxy->calls, 1);
   EXPECT_EQ(proxy.use_count(), 1) << "the thread has ended and let go of the proxy";
+}
+
+TEST_F(ClientReportTest, ACancellationThatThrowsEndsNoProcess) {
+  auto proxy = std::make_shared<HangingProxy>();
+  proxy->cancelThrows = true;
+  auto report = started(kShortStop);
+  report->setTolvarPrx(proxy);
+  report->report(ECity, "Turku");
+  report.reset();
+  EXPECT_EQ(proxy.use_count(), 1);
 }
 
 TEST_F(ClientReportTest, TheHangingCallKeepsItsProxyAlive) {

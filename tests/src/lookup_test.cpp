@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/src/lookup_fixture.h"
+#include "transport/grpc/wire_limits.h"
 
 namespace {
 
@@ -281,6 +282,24 @@ TEST_F(Lookup, RateOf10000LogsEveryMissOfTheNumericTextForm) {
   client.api.getIPInfoFromStr("9.9.9.9", &message);  // nor a miss of the named form
   EXPECT_THAT(reportedLines(), ElementsAre("unknown ip:0.0.0.1", "unknown ip:9.9.9.9",
                                            "unknown ip:not an address", "unknown ip:"));
+}
+
+TEST_F(Lookup, AMissOfAVastTextIsLoggedInALineThatCanBeDelivered) {
+  configure([](ravel::ClientConf& conf) {
+    conf.simplingRate = 10000;
+    conf.logUnknownIp = true;
+  });
+  const std::string vast(100000, '1');
+  const std::string longest(tolvar::wire::kMaxReportLineBytes - 11, '2');
+  ravel::IPInfo info;
+  client.api.getIPInfoFromStr(vast, &info);
+  client.api.getIPInfoFromStr(longest, &info);
+  const std::vector<std::string> lines = reportedLines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].size(), tolvar::wire::kMaxReportLineBytes);
+  EXPECT_EQ(lines[0].substr(0, 12), "unknown ip:1");
+  EXPECT_EQ(lines[0].substr(lines[0].size() - 4), "1...");
+  EXPECT_EQ(lines[1], "unknown ip:" + longest);
 }
 
 TEST_F(Lookup, RateOf0LogsNoMiss) {

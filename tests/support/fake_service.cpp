@@ -14,6 +14,7 @@ class FakeProxy : public ravel::TolvarProxy {
 
   ravel::TolvarPrx selectServer(std::int64_t key) override {
     _service->record("selectServer " + std::to_string(key));
+    if (_service->noServers) return nullptr;
     return std::make_shared<FakeProxy>(_service);
   }
   void cancelCalls() override {
@@ -72,6 +73,7 @@ class FakeFastProxy : public ravel::FTolvarProxy {
 
   ravel::FTolvarPrx selectServer(std::int64_t key) override {
     _service->record("selectServer(F) " + std::to_string(key));
+    if (_service->noServers) return nullptr;
     return std::make_shared<FakeFastProxy>(_service);
   }
   int FirstTotalDownloadIPInfo(std::uint32_t high, std::uint32_t low, std::uint32_t size,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -27,6 +28,9 @@ struct FakeService {
 
   /// What cancelCalls of the main object's proxy does; not recorded.
   std::function<void()> cancel;
+
+  /// selectServer answers no proxy.
+  std::atomic<bool> noServers{false};
 
   void record(const std::string& call);
   std::vector<std::string> calls() const;

@@ -212,5 +212,17 @@ TEST(ChangeCheck, WallClockSetForwardADayCostsOneEarlyCheckAndNoMore) {
   EXPECT_EQ(checksIn(scene), 3u);
 }
 
+TEST(ChangeCheck, TheFirstComesAtOnceAlsoWhereTheWallClockBeginsIn1970) {
+  for (const std::int64_t wall : {0, 599, -86400}) {
+    StepScene scene;
+    scene.clock.stepWall((wall - 1700000000) * 1000);
+    EXPECT_TRUE(scene.access.checkChange()) << wall;
+    EXPECT_FALSE(scene.access.checkChange()) << wall;
+    scene.clock.advance(600000);
+    EXPECT_TRUE(scene.access.checkChange()) << wall;
+    EXPECT_EQ(checksIn(scene), 2u) << wall;
+  }
+}
+
 }  // namespace
 }  // namespace tolvar_test

@@ -231,5 +231,59 @@ TEST(Failing, AConfigurationThatWasNotToBeHadAtTheStartIsOverWithTheFirstCheck) 
   EXPECT_EQ(client.status().lastError, "configuration: not yet");
 }
 
+TEST(Failing, ADownloadThatIsGivenUpAfterTenMinutesSaysSo) {
+  FailingScene scene;
+  scene.access.checkChange();
+  scene.checkInTenMinutes();
+  scene.expectFailing(
+      "download: given up, because it was not complete after 600 seconds; the next change check "
+      "begins anew",
+      kBegin + 600);
+  scene.output.take();
+  EXPECT_EQ(textsStarting(scene.output.out, "download given up").size(), 1u);
+  scene.checkInTenMinutes();
+  ASSERT_TRUE(scene.finish());
+  EXPECT_FALSE(scene.client.status().failing);
+}
+
+TEST(Failing, NamesThatCouldNotBeHadAreAskedForWithTheNextAnsweredCheck) {
+  FailingScene scene;
+  scene.server.beforeCodes = [] { throw qel::ZU_Exception("no names"); };
+  EXPECT_FALSE(scene.refresh(1));
+  scene.checkInTenMinutes();  // gives them up, and asks nothing
+  EXPECT_FALSE(scene.access.checkCodeChangeRequest());
+  scene.service->forgetCalls();
+  scene.checkInTenMinutes();  // the ranges are the service's
+  scene.access.checkCodeChangeRequest();
+  EXPECT_FALSE(scene.access.checkCodeChangeRequest()) << "once a check";
+  EXPECT_EQ(scene.callsStarting("totalDownloadCode").size(), 1u);
+  scene.server.beforeCodes = nullptr;
+  scene.checkInTenMinutes();
+  scene.access.checkCodeChangeRequest();
+  EXPECT_EQ(scene.client.getOperByID(1), "v1 oper");
+  EXPECT_FALSE(scene.client.status().failing);
+  scene.checkInTenMinutes();
+  EXPECT_FALSE(scene.access.checkCodeChangeRequest());
+}
+
+TEST(Failing, AServiceWithoutServersFailsEveryStepThatSelectsOne) {
+  FailingScene scene;
+  scene.service->noServers = true;
+  scene.access.checkChange();
+  scene.expectFailing("change check: the communicator has no server of the service", kBegin);
+  scene.service->noServers = false;
+  scene.checkInTenMinutes();
+  scene.service->noServers = true;
+  scene.access.totalDownloadRequest();
+  scene.expectFailing("download: the communicator has no server of the service", kBegin + 600);
+  scene.access.cltMd5() = "another than 0";
+  scene.access.totalDownloadRequest();
+  scene.expectFailing("download: the communicator has no server of the service", kBegin + 600);
+  scene.access.cltMd5() = "0";
+  scene.service->noServers = false;
+  ASSERT_TRUE(scene.finish());
+  EXPECT_FALSE(scene.client.status().failing);
+}
+
 }  // namespace
 }  // namespace tolvar_test

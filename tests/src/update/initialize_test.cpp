@@ -327,6 +327,20 @@ TEST(Initialize, ProxyThatCannotBeMadeIsAnException) {
       1u);
 }
 
+TEST(Initialize, ProxyThatIsNotMadeIsAnException) {
+  struct Silent : qel::Communicator {
+    void stringToProxy(const std::string&, ravel::TolvarPrx&) override {}
+    void stringToProxy(const std::string&, ravel::FTolvarPrx&) override {}
+  } communicator;
+  Scene scene;
+  TolvarAPIOptions options = scene.options();
+  options.comm = &communicator;
+  TolvarAPI client;
+  EXPECT_FALSE(client.initialize(options));
+  EXPECT_EQ(client.status().lastError,
+            "initialize: the communicator made no proxy for the object \"Geo.Main.TolvarObj@tcp\"");
+}
+
 TEST(Initialize, LogWriterThatCannotStartIsReportedOnStandardOutput) {
   Scene scene;
   SystemCallsGuard guard;

@@ -131,5 +131,27 @@ TEST(Readers, StatusMayBeAskedForFromAnyThreadMeanwhile) {
   reader.join();
 }
 
+TEST(ReadersDeathTest, DestroyingAClientInsideOneAbortsWithAMessage) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        auto client = std::make_unique<TolvarAPI>();
+        const TolvarReader reader = client->read();
+        client.reset();
+      },
+      "the waiting thread is in no read section");
+}
+
+TEST(ReadersDeathTest, InitializingAClientInsideOneAbortsWithAMessage) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        TolvarAPI client;
+        const TolvarReader reader = client.read();
+        client.initialize(TolvarAPIOptions());
+      },
+      "the waiting thread is in no read section");
+}
+
 }  // namespace
 }  // namespace tolvar_test

@@ -152,5 +152,19 @@ TEST(Readiness, ImageInPlaceNeedsNoRound) {
   EXPECT_EQ(clock.rounds, 0);
 }
 
+TEST(Readiness, AnOverloadedServiceIsWhatFailed) {
+  Scene scene;
+  plantSmallSegments(scene.keys, 8, 8);
+  scene.service->checkChange = [](const auto&, ravel::CheckInfo& info) { info.isNetFlow = 1; };
+  RoundClock clock;
+  // The check is answered before the time is over.
+  clock.beforeRound = [&] { return !scene.callsStarting("checkChangeAdv").empty(); };
+  ClockedClient client(clock);
+  EXPECT_FALSE(client.initialize(scene.options()));
+  EXPECT_TRUE(client.status().failing);
+  EXPECT_EQ(client.status().lastError,
+            "initialize: the service is overloaded and sends no tables; try later");
+}
+
 }  // namespace
 }  // namespace tolvar_test

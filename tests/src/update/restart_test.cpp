@@ -8,6 +8,7 @@
 
 #include "platform/interprocess_lock.h"
 #include "tests/src/update/scene.h"
+#include "tests/support/raw_image.h"
 
 namespace tolvar_test {
 namespace {
@@ -113,6 +114,7 @@ TEST(Restart, AfterAnImageOnKeysWithoutOneTheTablesAreNotFromAnImage) {
   options.shm_key_3 = others.size();
   ASSERT_TRUE(client.initialize(options));
   EXPECT_FALSE(client.status().fromImage);
+  EXPECT_EQ(client.status().imageDigest, "");
   expectAnswersOf(1, client);
 }
 
@@ -289,6 +291,86 @@ TEST(Destruction, DuringTheWaitForTheLockEndsTheStart) {
   scene.service->getConf = [&](ravel::ClientConf&) { asked.set_value(); };
   auto client = std::make_unique<TolvarAPI>();
   tolvar::ClientTestAccess(*client).internals().starterLockMillis = 3600 * 1000;
+  auto start = std::async(std::launch::async, [api = client.get(), options = scene.options()] {
+    return api->initialize(options);
+  });
+  asked.get_future().wait();
+  client.reset();
+  EXPECT_FALSE(start.get());
+}
+
+/// A host that does not look at what `initialize` answered. The client is there for it all the
+/// same, and touches no segment that it was not given.
+struct HeedlessHost : Scene {
+  TableServer server{service};
+  TolvarAPI client;
+
+  HeedlessHost() { server.publish(selfCheckingTable(1, 20)); }
+
+  void startAfterFailing(const TolvarAPIOptions& options) {
+    ASSERT_FALSE(client.initialize(options));
+    client.start();
+    while (client.status().publications == 0) std::this_thread::yield();
+    expectAnswersOf(1, client);
+  }
+};
+
+TEST(StartAfterAFailedInitialize, WithoutKeysAnswersFromItsOwnDownload) {
+  HeedlessHost host;
+  TolvarAPIOptions options = host.options();
+  options.shm_key_1 = 0;
+  host.startAfterFailing(options);
+}
+
+TEST(StartAfterAFailedInitialize, LeavesSomebodyElsesSegmentAlone) {
+  HeedlessHost host;
+  RawSegment::create(host.keys.data0(), 4096);
+  RawSegment foreign(host.keys.data0());
+  const std::string content(4096, 'x');
+  foreign.write(0, content);
+  host.startAfterFailing(host.options());
+  EXPECT_EQ(RawSegment::idBehind(host.keys.data0()), foreign.id());
+  EXPECT_TRUE(foreign.allBytes() == content);
+  EXPECT_FALSE(RawSegment::exists(host.keys.data1()));
+}
+
+TEST(StartAfterAFailedInitialize, WithoutTheFastProxyHasNobodyToAsk) {
+  struct HalfRefusing : FakeCommunicator {
+    using FakeCommunicator::FakeCommunicator;
+    void stringToProxy(const std::string& name, ravel::TolvarPrx& proxy) override {
+      FakeCommunicator::stringToProxy(name, proxy);
+    }
+    void stringToProxy(const std::string&, ravel::FTolvarPrx&) override { throw 1; }
+  };
+  Scene scene;
+  TableServer server(scene.service);
+  HalfRefusing communicator(scene.service);
+  TolvarAPIOptions options = scene.options();
+  options.comm = &communicator;
+  TolvarAPI client;
+  ASSERT_FALSE(client.initialize(options));
+  client.start();
+  while (client.status().lastError.rfind("change check: no service", 0) != 0)
+    std::this_thread::yield();
+  EXPECT_TRUE(scene.service->calls().empty());
+}
+
+/// A start that is still at its first call of the service, too.
+TEST(Destruction, DuringTheCallForTheConfigurationCancelsIt) {
+  Scene scene;
+  plantSmallSegments(scene.keys, 8, 8);
+  std::promise<void> asked, cancelled;
+  auto ended = cancelled.get_future().share();
+  std::atomic<bool> first{true};
+  scene.service->getConf = [&](ravel::ClientConf&) {
+    asked.set_value();
+    ended.wait();
+    throw qel::ZU_Exception("cancelled");
+  };
+  scene.service->cancel = [&] {
+    if (first.exchange(false)) cancelled.set_value();
+  };
+  auto client = std::make_unique<TolvarAPI>();
   auto start = std::async(std::launch::async, [api = client.get(), options = scene.options()] {
     return api->initialize(options);
   });
