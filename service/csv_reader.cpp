@@ -1,8 +1,15 @@
 #include "service/csv_reader.h"
 
 #include <algorithm>
+#include <string>
 
 namespace tolvar::service {
+namespace {
+
+/// Most fields of a row; far above the columns that any table has.
+constexpr std::size_t kMaxFields = 1000;
+
+}  // namespace
 
 bool CsvReader::next(std::vector<CsvField>& fields) {
   while (!_faults.isFull() && skipBlankLines()) {
@@ -29,6 +36,12 @@ bool CsvReader::readRow(std::vector<CsvField>& fields) {
   fields.clear();
   _unescaped.clear();
   while (true) {
+    // A file without line ends would be one row, and take many times its size.
+    if (fields.size() == kMaxFields) {
+      broken(_position, "more than " + std::to_string(kMaxFields) +
+                            " fields in one line; expected lines that end in LF or CRLF");
+      return false;
+    }
     const End end = readField(fields.emplace_back());
     if (end == End::Row) return true;
     if (end == End::Broken) return false;

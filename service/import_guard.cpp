@@ -34,9 +34,9 @@ std::uint64_t countMissing(const std::vector<T>& a, const std::vector<T>& b) {
   return missing;
 }
 
-/// "12.5", rounded down.
+/// "12.5", rounded up, so that what is above a limit never looks like the limit itself.
 std::string percentLost(std::uint64_t before, std::uint64_t after) {
-  const std::uint64_t tenths = (before - after) * 1000 / before;
+  const std::uint64_t tenths = ((before - after) * 1000 + before - 1) / before;
   return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10);
 }
 

@@ -144,41 +144,59 @@ void NameTable::assignLevel(CodeType type, IdRegistry& registry) {
   };
   std::sort(level.begin(), level.end(),
             [&](const Node* a, const Node* b) { return order(a) < order(b); });
-  const Node* previous = nullptr;
-  bool isParentFull = false;
-  for (Node* node : level) {
-    if (previous == nullptr || previous->parent != node->parent) isParentFull = false;
-    assignNode(*node, registry, isParentFull);
-    previous = node;
+  for (auto first = level.begin(); first != level.end();) {
+    const auto last = std::find_if(
+        first, level.end(), [&](const Node* node) { return node->parent != (*first)->parent; });
+    assignChildren({first, last}, registry);
+    first = last;
   }
 }
 
-void NameTable::assignNode(Node& node, IdRegistry& registry, bool& isParentFull) {
-  const Node& parent = _nodes[node.parent];
-  std::int64_t first = 1;
-  std::int64_t last = UINT32_MAX;
-  if (node.type == CodeType::Country) {
-    first = kFirstOwnCountry;
-    last = kLastOwnCountry;
-  } else if (isPlace(node.type)) {
-    first = parent.id * kChildren + 1;
-    last = parent.id * kChildren + kChildren - 1;
+void NameTable::assignChildren(std::span<Node* const> children, IdRegistry& registry) {
+  bool isFull = false;
+  for (Node* node : children) {
+    if (assignNode(*node, registry) || std::exchange(isFull, true)) continue;
+    const auto named = std::count_if(children.begin(), children.end(),
+                                     [](const Node* sibling) { return !sibling->name.empty(); });
+    addTooManyFault(*node, named);
   }
+}
+
+void NameTable::addTooManyFault(const Node& node, std::int64_t siblings) {
+  const Node& parent = _nodes[node.parent];
+  const auto [first, last] = idsOf(node);
+  const std::int64_t most = last - first + 1;
+  std::string text =
+      std::string(kindName(node.type)) + " name " + quoted(node.name) +
+      " is one too many: expected at most " + std::to_string(most) + " " + pluralName(node.type) +
+      (parent.name.empty() ? std::string(" in one table") : " in " + quoted(parent.name));
+  if (siblings <= most) {
+    text +=
+        ", those of earlier tables included, whose ids stay taken; import into a new database "
+        "to give ids anew";
+  }
+  _faults.add(node.offset, text);
+}
+
+std::pair<std::int64_t, std::int64_t> NameTable::idsOf(const Node& node) const {
+  if (node.type == CodeType::Country) return {kFirstOwnCountry, kLastOwnCountry};
+  if (!isPlace(node.type)) return {1, UINT32_MAX};
+  const std::int64_t below = _nodes[node.parent].id * kChildren;
+  return {below + 1, below + kChildren - 1};
+}
+
+bool NameTable::assignNode(Node& node, IdRegistry& registry) {
+  const Node& parent = _nodes[node.parent];
   if (node.name.empty()) {
     node.id = node.type == CodeType::Country ? 0 : parent.id * kChildren;
-    return;
+    return true;
   }
+  const auto [first, last] = idsOf(node);
   const auto id = registry.assign({node.type, parent.id, node.name}, first, last);
-  if (id) {
-    node.id = *id;
-    checkCodeSize(node);
-  } else if (!std::exchange(isParentFull, true)) {
-    _faults.add(node.offset, std::string(kindName(node.type)) + " name " + quoted(node.name) +
-                                 " is one too many: expected at most " +
-                                 std::to_string(last - first + 1) + " " + pluralName(node.type) +
-                                 (parent.name.empty() ? std::string(" in one table")
-                                                      : " in " + quoted(parent.name)));
-  }
+  if (!id) return false;
+  node.id = *id;
+  checkCodeSize(node);
+  return true;
 }
 
 void NameTable::checkCodeSize(const Node& node) {

@@ -2,9 +2,11 @@
 
 #include <cstdint>
 #include <deque>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "records/records.h"
@@ -84,7 +86,10 @@ class NameTable {
   Handle listedCountry(const Country& country, std::string_view text, std::size_t offset);
   void checkName(const Node& node);
   void assignLevel(CodeType type, IdRegistry& registry);
-  void assignNode(Node& node, IdRegistry& registry, bool& isParentFull);
+  void assignChildren(std::span<Node* const> children, IdRegistry& registry);
+  bool assignNode(Node& node, IdRegistry& registry);
+  void addTooManyFault(const Node& node, std::int64_t siblings);
+  std::pair<std::int64_t, std::int64_t> idsOf(const Node& node) const;
   void checkCodeSize(const Node& node);
 
   const IsoCountries& _countries;

@@ -92,6 +92,8 @@ TextSource TextSource::load(const std::string& path, std::uint64_t limit) {
   TextSource source(path, readAll(path, limit));
   if (source._text.starts_with("\xFF\xFE") || source._text.starts_with("\xFE\xFF"))
     fail(path, "is UTF-16 text; expected UTF-8");
+  if (source._text.starts_with("\x1F\x8B"))
+    fail(path, "is compressed by gzip; expected text: unpack it first");
   return source;
 }
 
@@ -167,6 +169,13 @@ std::string quoted(std::string_view text) {
     out += "...";
   }
   return out + "\"";
+}
+
+std::size_t controlLength(std::string_view text) {
+  if (text.empty()) return 0;
+  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  if (byte(0) < 0x20 || byte(0) == 0x7F) return 1;
+  return byte(0) == 0xC2 && text.size() > 1 && byte(1) < 0xA0 ? 2 : 0;
 }
 
 std::string_view trimmed(std::string_view text) {

@@ -14,7 +14,7 @@ namespace tolvar::service {
 class TextSource {
  public:
   /// Reads the file `path`. Throws ImportError when it cannot be read, is a directory, is larger
-  /// than `limit` bytes or is UTF-16 text.
+  /// than `limit` bytes or is UTF-16 text or gzip data.
   static TextSource load(const std::string& path, std::uint64_t limit);
 
   TextSource(std::string name, std::string text);
@@ -71,6 +71,10 @@ std::size_t skipLeadingComments(const TextSource& source);
 
 /// `text` in double quotes for a message: cut when long, what cannot be printed as \xNN.
 std::string quoted(std::string_view text);
+
+/// Bytes of the control character, C1 controls included, that begins the UTF-8 text `text`; 0 when
+/// it begins with something else or is empty.
+std::size_t controlLength(std::string_view text);
 
 /// `text` without blanks and tabs at its ends.
 std::string_view trimmed(std::string_view text);

@@ -3,8 +3,10 @@
 #include <sqlite3.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <system_error>
+#include <thread>
 
 namespace tolvar::service {
 namespace {
@@ -88,6 +90,19 @@ void SqliteConnection::fail() const {
 }
 
 void SqliteConnection::setBusyMillis(int millis) { sqlite3_busy_timeout(_handle.get(), millis); }
+
+void SqliteConnection::useWriteAheadLog() {
+  constexpr std::chrono::milliseconds kPause{10};
+  const auto giveUpAt = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyMillis);
+  // Not left to SQLite: two that change the mode at once would wait for each other, so it gives up.
+  int result = SQLITE_BUSY;
+  while (true) {
+    result = sqlite3_exec(_handle.get(), "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
+    if (result != SQLITE_BUSY || std::chrono::steady_clock::now() >= giveUpAt) break;
+    std::this_thread::sleep_for(kPause);
+  }
+  if (result != SQLITE_OK) fail();
+}
 
 void SqliteConnection::interrupt() noexcept { sqlite3_interrupt(_handle.get()); }
 

@@ -42,6 +42,10 @@ class SqliteConnection {
   /// How long to wait for another writer, in milliseconds.
   void setBusyMillis(int millis);
 
+  /// Makes the file keep a write-ahead log, so that readers and a writer do not wait for each
+  /// other. Waits for others that have the file open for up to kBusyMillis.
+  void useWriteAheadLog();
+
   /// Makes what this connection does now fail soon. May be called from any thread.
   void interrupt() noexcept;
 

@@ -57,6 +57,9 @@ std::string codesDigestOf(const std::vector<ravel::CodeInfo>& codes) {
   return digest.finishHex();
 }
 
+/// What to do about one damaged version.
+constexpr const char* kRemedy = "; roll back to another version, or restore the file from a backup";
+
 constexpr std::int64_t kMostHits = INT64_MAX;
 
 std::int64_t clamped(std::uint64_t hits) {
@@ -70,27 +73,35 @@ TableStore::TableStore(const std::string& path, Mode mode)
   prepare(mode);
 }
 
-void TableStore::prepare(Mode mode) {
+bool TableStore::isEmpty() const {
+  // Another process may be making the tables right now.
+  const SqliteSnapshot snapshot(_connection);
   const std::int64_t application = _connection.number("PRAGMA application_id").value_or(0);
   const std::int64_t schema = _connection.number("PRAGMA user_version").value_or(0);
   const std::int64_t tables = _connection.number("SELECT count(*) FROM sqlite_schema").value_or(0);
-  if (application == 0 && tables == 0) {
-    if (mode != Mode::Create)
-      throw StoreError(_connection.path() + ": the file is empty; an import fills it");
-    createSchema();
-  } else if (application != kApplicationId) {
+  if (application == 0 && tables == 0) return true;
+  if (application != kApplicationId) {
     throw StoreError(_connection.path() +
                      ": the database belongs to another program; "
                      "name another file");
-  } else if (schema > kSchemaVersion) {
-    throw StoreError(_connection.path() + ": a newer version of this program wrote the file");
   }
+  if (schema > kSchemaVersion)
+    throw StoreError(_connection.path() + ": a newer version of this program wrote the file");
+  return false;
+}
+
+void TableStore::prepare(Mode mode) {
+  const bool isNew = isEmpty();
+  if (isNew && mode != Mode::Create)
+    throw StoreError(_connection.path() + ": the file is empty; an import fills it");
+  // Some ways to copy a database leave the log behind.
+  if (mode != Mode::ReadOnly) _connection.useWriteAheadLog();
+  if (isNew) createSchema();
   _connection.execute("PRAGMA foreign_keys = ON");
   if (mode != Mode::ReadOnly) _connection.execute("PRAGMA journal_size_limit = 67108864");
 }
 
 void TableStore::createSchema() {
-  _connection.execute("PRAGMA journal_mode = WAL");
   SqliteTransaction transaction(_connection);
   // Another process may have been faster.
   if (_connection.number("SELECT count(*) FROM sqlite_schema").value_or(0) == 0) {
@@ -123,6 +134,11 @@ std::optional<StoredVersion> TableStore::find(std::int64_t number) const {
   rows.bindAll(number);
   if (!rows.step()) return std::nullopt;
   return versionOf(rows);
+}
+
+void TableStore::failAbsent(std::int64_t number) const {
+  throw StoreError(_connection.path() + ": there is no version " + std::to_string(number) +
+                   "; `tolvard versions` lists them");
 }
 
 std::uint32_t TableStore::nextTimesTamp(std::int64_t now) const {
@@ -181,10 +197,7 @@ StoredVersion TableStore::add(const NewVersion& wanted) {
 StoredVersion TableStore::rollback(std::int64_t number, std::int64_t now) {
   SqliteTransaction transaction(_connection);
   const std::optional<StoredVersion> wanted = find(number);
-  if (!wanted) {
-    throw StoreError(_connection.path() + ": there is no version " + std::to_string(number) +
-                     "; `tolvard versions` lists them");
-  }
+  if (!wanted) failAbsent(number);
   addVersion(wanted->dataset, "rollback to version " + std::to_string(number), now);
   const StoredVersion added = newest().value();
   transaction.commit();
@@ -271,20 +284,21 @@ std::vector<ravel::CodeInfo> TableStore::readCodes(const StoredVersion& version)
 
 std::shared_ptr<const TableVersion> TableStore::load(const StoredVersion& version) const {
   const SqliteSnapshot snapshot(_connection);
+  if (!find(version.number)) failAbsent(version.number);
   const std::string where = _connection.path() + ": version " + std::to_string(version.number);
   std::shared_ptr<const TableVersion> table;
   try {
     table = std::make_shared<const TableVersion>(TableData{readRanges(version), readCodes(version)},
                                                  version.timesTamp);
   } catch (const std::invalid_argument& error) {
-    throw StoreError(where + " is damaged: " + error.what());
+    throw StoreError(where + " is damaged: " + error.what() + kRemedy);
   }
   if (table->digest() != version.digest) {
     throw StoreError(where + " is damaged: its ranges have the digest " + table->digest() +
-                     " instead of " + version.digest);
+                     " instead of " + version.digest + kRemedy);
   }
   if (codesDigestOf(table->codes()) != version.codesDigest)
-    throw StoreError(where + " is damaged: its codes are not those that were imported");
+    throw StoreError(where + " is damaged: its codes are not those that were imported" + kRemedy);
   return table;
 }
 
@@ -328,9 +342,15 @@ ravel::ClientConf TableStore::conf() const {
   return conf;
 }
 
-ravel::ClientConf TableStore::setConf(ravel::ClientConf next) {
+ravel::ClientConf TableStore::setConf(const ravel::ClientConf& wanted) {
+  return changeConf([&](ravel::ClientConf& conf) { conf = wanted; });
+}
+
+ravel::ClientConf TableStore::changeConf(const std::function<void(ravel::ClientConf&)>& change) {
   SqliteTransaction transaction(_connection);
   const ravel::ClientConf now = conf();
+  ravel::ClientConf next = now;
+  change(next);
   const bool same = next.statisOpen == now.statisOpen && next.simplingRate == now.simplingRate &&
                     next.logBufferLimit == now.logBufferLimit &&
                     next.logUnknownIp == now.logUnknownIp &&

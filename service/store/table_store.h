@@ -66,7 +66,8 @@ class TableStore {
   /// Makes the content of version `number` the newest version again.
   StoredVersion rollback(std::int64_t number, std::int64_t now);
 
-  /// Reads a version and checks that its digests are the ones it was stored with.
+  /// Reads a version and checks that its digests are the ones it was stored with. One that an
+  /// import has removed meanwhile is not there, which is no damage.
   std::shared_ptr<const TableVersion> load(const StoredVersion& version) const;
 
   struct LoadedVersion {
@@ -85,7 +86,11 @@ class TableStore {
 
   /// Stores the configuration; its version rises by 1 when anything else changed. Answers what is
   /// valid then.
-  ravel::ClientConf setConf(ravel::ClientConf conf);
+  ravel::ClientConf setConf(const ravel::ClientConf& wanted);
+
+  /// The same with what `change` makes of the configuration that is valid now. Nobody else writes
+  /// between the two; what `change` throws leaves everything as it was.
+  ravel::ClientConf changeConf(const std::function<void(ravel::ClientConf&)>& change);
 
   /// Changes whenever another connection has written; for noticing an import without reading.
   std::int64_t changeMark() const;
@@ -113,6 +118,8 @@ class TableStore {
 
  private:
   void prepare(Mode mode);
+  bool isEmpty() const;
+  [[noreturn]] void failAbsent(std::int64_t number) const;
   void createSchema();
   void checkBase(std::int64_t base) const;
   std::int64_t addDataset(const TableVersion& table);

@@ -156,6 +156,17 @@ TEST(ImportFaults, NameLongerThanANodeHolds) {
       "t.csv:2:5: operator name " + shown + " is too long: expected at most 114 bytes, found 115");
 }
 
+TEST(ImportFaults, ALineOfCommasOrWithoutLineEndsIsToldInOne) {
+  EXPECT_EQ(
+      csvFault("start,end\n1,2\n" + std::string(100000, ',') + "\n5,6\n"),
+      "t.csv:3:1001: more than 1000 fields in one line; expected lines that end in LF or CRLF");
+  std::string text = "start,end";
+  for (int i = 0; i < 2000; ++i) text += "\r1,2";
+  EXPECT_EQ(
+      csvFault(text),
+      "t.csv:1:4005: more than 1000 fields in one line; expected lines that end in LF or CRLF");
+}
+
 TEST(ImportFaults, MoreThan999ChildrenOfOneParent) {
   std::string text = "start,end,country,province\n";
   for (int i = 0; i < 1001; ++i) {
@@ -166,6 +177,21 @@ TEST(ImportFaults, MoreThan999ChildrenOfOneParent) {
       csvFault(text),
       "t.csv:1001:14: province name \"P1999\" is one too many: expected at most 999 provinces "
       "in \"Germany\"");
+}
+
+TEST(ImportFaults, ANameThatFindsNoIdBecauseEarlierTablesTookThem) {
+  ImportOptions options;
+  for (int i = 0; i < 999; ++i)
+    options.ids.assign({CodeType::Province, 276, "Old" + std::to_string(i)}, 276001, 276999);
+  try {
+    tolvar_test::csv("start,end,country,province\n1,1,DE,Old5\n2,2,DE,New\n3,3,DE,\n", options);
+    FAIL() << "the import succeeded";
+  } catch (const ImportError& error) {
+    EXPECT_STREQ(error.what(),
+                 "t.csv:3:8: province name \"New\" is one too many: expected at most 999 provinces "
+                 "in \"Germany\", those of earlier tables included, whose ids stay taken; import "
+                 "into a new database to give ids anew");
+  }
 }
 
 TEST(ImportFaults, MoreThan2000UnknownCountries) {
@@ -267,6 +293,13 @@ TEST(ImportFaults, Utf16File) {
   const TempDir dir;
   tolvar_test::writeFile(dir.file("t.csv"), std::string("\xFF\xFEs\0", 4));
   EXPECT_EQ(loadFault(dir.file("t.csv")), dir.file("t.csv") + ": is UTF-16 text; expected UTF-8");
+}
+
+TEST(ImportFaults, CompressedFile) {
+  const TempDir dir;
+  tolvar_test::writeFile(dir.file("t.csv.gz"), std::string("\x1F\x8B\x08\0\n,", 6));
+  EXPECT_EQ(loadFault(dir.file("t.csv.gz")),
+            dir.file("t.csv.gz") + ": is compressed by gzip; expected text: unpack it first");
 }
 
 TEST(ImportFaults, MissingCountryListNamesThePackage) {

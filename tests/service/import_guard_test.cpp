@@ -71,6 +71,11 @@ TEST(ImportGuard, AFifthOfTheAddressesMayGoAndNoMore) {
       ElementsAre(AllOf(HasSubstr("fewer addresses"), HasSubstr("39,900 instead of 50,000"))));
 }
 
+TEST(ImportGuard, WhatIsAboveTheLimitIsNotShownAsTheLimit) {
+  EXPECT_THAT(compare(rangesOf(10000), rangesOf(7999)).objections,
+              testing::Contains(HasSubstr("20.1 % fewer ranges")));
+}
+
 TEST(ImportGuard, GrowthAndTheWholeAddressSpaceAreSafe) {
   TableData all;
   all.ranges.emplace_back().endIP = std::numeric_limits<std::uint32_t>::max();

@@ -4,6 +4,9 @@
 
 #include <filesystem>
 #include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "service/store/table_store.h"
 #include "tests/service_store/store_support.h"
@@ -73,6 +76,35 @@ TEST_F(StoreFaults, AnEmptyFileIsFilledByAnImportOnly) {
   EXPECT_EQ(import(store, kOneRow).number, 1);
 }
 
+TEST_F(StoreFaults, SeveralThatMakeTheSameFileAtOnceAllSucceed) {
+  for (int round = 0; round < 20; ++round) {
+    std::vector<std::string> failures(4);
+    std::vector<std::thread> openers;
+    for (std::string& told : failures)
+      openers.emplace_back([this, &told] { told = failure(TableStore::Mode::Create); });
+    for (std::thread& opener : openers) opener.join();
+    EXPECT_THAT(failures, testing::Each("")) << "round " << round;
+    for (const char* part : {"", "-wal", "-shm"}) std::filesystem::remove(path() + part);
+  }
+}
+
+TEST_F(StoreFaults, ACopyWithoutTheWriteAheadLogIsGivenOne) {
+  {
+    TableStore store = open();
+    import(store, kOneRow);
+  }
+  tamper("PRAGMA journal_mode = DELETE");  // as VACUUM INTO makes them
+  const TableStore reader = open();
+  TableStore writer = open(TableStore::Mode::ReadWrite);
+  writer.relaxWrites(1);
+  const auto loaded = reader.loadNewest([&](const StoredVersion&) {
+    import(writer, kTwoRows, 2000);  // neither waits for the other
+    return false;
+  });
+  EXPECT_EQ(loaded->stored.number, 1);
+  EXPECT_EQ(reader.newest()->number, 2);
+}
+
 TEST_F(StoreFaults, ADirectoryIsNoDatabase) {
   std::filesystem::create_directory(path());
   EXPECT_THAT(failure(TableStore::Mode::Create), HasSubstr(path()));
@@ -125,7 +157,8 @@ TEST_F(StoreFaults, ChangedRangesAreFound) {
   EXPECT_THAT(store.check(), IsEmpty());
   tamper("UPDATE ip_range SET oper = 77 WHERE sequence = 2");
   EXPECT_THAT(store.check(),
-              testing::ElementsAre(AllOf(HasSubstr("version 1 is damaged"), HasSubstr("digest"))));
+              testing::ElementsAre(AllOf(HasSubstr("version 1 is damaged"), HasSubstr("digest"),
+                                         HasSubstr("roll back"))));
   EXPECT_THROW(store.load(*store.newest()), StoreError);
 }
 

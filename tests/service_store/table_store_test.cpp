@@ -124,6 +124,20 @@ TEST_F(Store, AnIdThatWentToAnotherNameIsRefused) {
   EXPECT_EQ(store.ids().find({CodeType::Oper, 0, "Netz"}), 1);
 }
 
+TEST_F(Store, AVersionThatAnImportRemovesMeanwhileIsNotTakenForDamaged) {
+  TableStore writer = open();
+  import(writer, kOneRow);
+  const TableStore reader = open(TableStore::Mode::ReadOnly);
+  const StoredVersion found = reader.find(1).value();
+  import(writer, kTwoRows, 2000, 1);
+  try {
+    reader.load(found);
+    FAIL() << "it was read";
+  } catch (const StoreError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("no version 1"));
+  }
+}
+
 TEST_F(Store, AReaderSeesOneStateWhileOthersImport) {
   TableStore writer = open();
   import(writer, kOneRow);
@@ -167,6 +181,29 @@ TEST_F(Store, TheConfigurationVersionRisesWhenSomethingChanges) {
   EXPECT_EQ(read.simplingRate, 7);
   EXPECT_EQ(read.confVersion, 2);
   EXPECT_FALSE(read.statisOpen);
+}
+
+TEST_F(Store, ChangesOfTheConfigurationFromTwoSidesAddUp) {
+  TableStore here = open();
+  TableStore there = open();
+  there.relaxWrites(1);
+  here.changeConf([&](ravel::ClientConf& conf) {
+    conf.statisOpen = true;
+    // Would be undone by what is written here.
+    EXPECT_THROW(there.changeConf([](ravel::ClientConf& other) { other.simplingRate = 7; }),
+                 StoreError);
+  });
+  const ravel::ClientConf both =
+      there.changeConf([](ravel::ClientConf& conf) { conf.simplingRate = 7; });
+  EXPECT_TRUE(both.statisOpen);
+  EXPECT_EQ(both.simplingRate, 7);
+  EXPECT_EQ(both.confVersion, 3);
+  EXPECT_THROW(here.changeConf([](ravel::ClientConf& conf) {
+    conf.statisOpen = false;
+    throw StoreError("refused");
+  }),
+               StoreError);
+  EXPECT_TRUE(here.conf().statisOpen);
 }
 
 TEST_F(Store, UsageAddsUp) {

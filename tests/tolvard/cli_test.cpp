@@ -12,6 +12,7 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using tolvar_test::ToolRun;
 
 constexpr const char* kHalf = "start,end,country\n1.0.0.0,1.0.0.255,DE\n2.0.0.0,2.0.0.255,FR\n";
@@ -260,6 +261,23 @@ TEST_F(Tolvard, TheConfigurationRaisesItsVersion) {
   const ToolRun bad = run({"conf", "set", "statisOpen=false", "simplingRate=x"});
   EXPECT_EQ(bad.exitStatus, 2);
   EXPECT_EQ(json({"conf", "get"})["statisOpen"], true);
+}
+
+TEST_F(Tolvard, WhatWasDoneIsToldWhenOutputIsLost) {
+  const auto full = [&](std::vector<std::string> words) {
+    words.insert(words.end(), {"--db", database()});
+    const ToolRun result = shell("exec \"$0\" \"$@\" > /dev/full", words);
+    EXPECT_EQ(result.exitStatus, 2) << words[0];
+    return result.err;
+  };
+  EXPECT_THAT(full({"import", TOLVAR_SAMPLE}), HasSubstr("all the same, version 1 was imported"));
+  EXPECT_EQ(versionCount(), 1u);
+  run({"import", "--force", file("half.csv", kHalf)});
+  EXPECT_THAT(full({"rollback", "1"}), HasSubstr("version 3 has the content of version 1"));
+  EXPECT_EQ(versionCount(), 3u);
+  EXPECT_THAT(full({"conf", "set", "statisOpen=true"}), HasSubstr("the configuration was set"));
+  EXPECT_EQ(json({"conf", "get"})["statisOpen"], true);
+  EXPECT_THAT(full({"versions"}), Not(HasSubstr("all the same")));
 }
 
 TEST_F(Tolvard, ChecksAndShowsUsage) {

@@ -2,11 +2,19 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
+#include <future>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "tests/support/temp_dir.h"
 
@@ -38,6 +46,8 @@ TEST(EventLine, ValuesCannotBreakOut) {
   EXPECT_THAT(line, HasSubstr("f=\"S\xC3\xBC"
                               "d\" g=\"\\xFF\""));
   EXPECT_EQ(line.find('\n'), std::string::npos);
+  EXPECT_THAT(formatEvent({0, 0}, "warn", "call", {{"a", "\n\xC2\x9Bx\xC2\xA0"}}),
+              HasSubstr("a=\"\\n\\xC2\\x9Bx\xC2\xA0\""));
 }
 
 TEST(EventLog, LinesComeInOrder) {
@@ -69,6 +79,54 @@ TEST(EventLog, AReaderThatStopsHoldsNobodyUp) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
   close(ends[0]);
   close(ends[1]);
+}
+
+/// Tells when the writer reads it, as it does to tell of lost lines.
+class TellingClock final : public qel::Clock {
+ public:
+  timeval timeOfDay() const override {
+    if (std::this_thread::get_id() != _owner && !_told.exchange(true)) _read.set_value();
+    return {0, 0};
+  }
+  std::int64_t steadyMillis() const override { return 0; }
+  bool wait(qel::ZU_ThreadCond&, qel::ZU_ThreadMutex&, int) override { return false; }
+
+  bool awaitRead() {
+    return _read.get_future().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+  }
+
+ private:
+  const std::thread::id _owner = std::this_thread::get_id();
+  mutable std::atomic<bool> _told{false};
+  mutable std::promise<void> _read;
+};
+
+TEST(EventLog, ALineThatADiskHasNoRoomForIsCountedAndSpoilsNoOther) {
+  const tolvar_test::TempDir directory;
+  const int file = open(directory.file("log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  // A limit on every file stands for a full disk.
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit small{20, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  TellingClock clock;
+  {
+    EventLog log(file, clock);
+    log.info("first", {});
+    EXPECT_TRUE(clock.awaitRead());
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    log.info("second", {});
+  }
+  close(file);
+  std::istringstream text(tolvar_test::readFile(directory.file("log")));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0], "time=1970-01-01T00:0");
+  std::sort(lines.begin() + 1, lines.end());  // which is first depends on when room came
+  EXPECT_EQ(lines[1], "time=1970-01-01T00:00:00.000Z level=info event=second");
+  EXPECT_EQ(lines[2], "time=1970-01-01T00:00:00.000Z level=warn event=log_lines_lost lines=1");
 }
 
 TEST(EventLog, AReaderThatIsGoneDoesNoHarm) {

@@ -9,7 +9,9 @@
 #include <future>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <stop_token>
+#include <thread>
 
 #include "tests/support/temp_dir.h"
 #include "tests/transport_grpc/test_tables.h"
@@ -70,6 +72,25 @@ TEST_F(StoreFollowerTest, StepsSurroundThePublication) {
   import(11);
   EXPECT_EQ(before.get_future().get()->ranges().size(), 10u);
   EXPECT_EQ(after.get_future().get()->ranges().size(), 11u);
+}
+
+/// Reports of clients change the file every second, and reading a large table takes long.
+TEST_F(StoreFollowerTest, AVersionThatCannotBeServedIsNotTriedAgainWithEveryWrite) {
+  std::atomic<int> tries{0};
+  follower.start({[&](const Version&, const std::stop_token&) {
+                    ++tries;
+                    throw std::runtime_error("it cannot be served");
+                  },
+                  [] {}});
+  import(11);
+  for (const int rate : {1, 2, 3}) {
+    TableStore(database, TableStore::Mode::ReadWrite).changeConf([&](ravel::ClientConf& conf) {
+      conf.simplingRate = rate;
+    });
+    while (service.getConf().simplingRate != rate) std::this_thread::yield();
+  }
+  follower.stop();
+  EXPECT_EQ(tries, 1);
 }
 
 /// A version that is being prepared uses the server, which does not outlive the end of `stop`.

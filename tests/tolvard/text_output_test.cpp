@@ -29,6 +29,10 @@ TEST(TextOutput, ControlCharactersDoNotReachTheTerminal) {
                       "d"),
             "S\xC3\xBC"
             "d");
+  // A terminal takes U+009B for the beginning of a command, too.
+  EXPECT_EQ(printable("\xC3\xBC\xC2\x9B"
+                      "2J"),
+            "\xC3\xBC\\xC2\\x9B2J");
   EXPECT_EQ(printable("\xff"
                       "x"),
             "\\xFFx");

@@ -12,14 +12,20 @@ namespace {
 void appendQuoted(std::string& line, std::string_view value) {
   const bool isText = service::isUtf8(value);
   line += '"';
-  for (const char c : value) {
+  std::size_t toEscape = 0;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    const char c = value[i];
     const auto byte = static_cast<unsigned char>(c);
+    if (toEscape == 0)
+      toEscape = isText ? service::controlLength(value.substr(i)) : byte < 0x20 || byte >= 0x7F;
     if (c == '"' || c == '\\') {
       line += '\\';
       line += c;
     } else if (c == '\n') {
       line += "\\n";
-    } else if (byte < 0x20 || byte == 0x7F || (byte >= 0x80 && !isText)) {
+      toEscape = 0;
+    } else if (toEscape != 0) {
+      --toEscape;
       std::array<char, 5> escaped{};
       std::snprintf(escaped.data(), escaped.size(), "\\x%02X", byte);
       line += escaped.data();

@@ -22,8 +22,9 @@ namespace {
 
 }  // namespace
 
-OutputLost::OutputLost(int error)
-    : std::runtime_error("standard output: " + std::generic_category().message(error)),
+OutputLost::OutputLost(int error, const std::string& done)
+    : std::runtime_error("standard output: " + std::generic_category().message(error) +
+                         (done.empty() ? "" : "; all the same, " + done)),
       _error(error) {}
 
 bool OutputLost::readerLeft() const noexcept { return _error == EPIPE; }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 #include <string_view>
 
 namespace tolvar::tools {
@@ -8,8 +9,11 @@ namespace tolvar::tools {
 /// Standard output takes no more.
 class OutputLost : public std::runtime_error {
  public:
-  /// `error` is an errno value.
-  explicit OutputLost(int error);
+  /// `error` is an errno value; `done` is empty, or see `after`.
+  explicit OutputLost(int error, const std::string& done = "");
+
+  /// The same, saying as well what was done before: it is not undone.
+  OutputLost after(const std::string& done) const { return OutputLost(_error, done); }
 
   /// Whoever reads a pipe has seen enough, which is no failure.
   bool readerLeft() const noexcept;

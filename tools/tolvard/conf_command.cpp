@@ -44,9 +44,14 @@ void ConfCommand::show(const ravel::ClientConf& conf) const {
 
 ExitStatus ConfCommand::set() const {
   TableStore store = _store.open(TableStore::Mode::ReadWrite);
-  ravel::ClientConf conf = store.conf();
-  for (const std::string& assignment : _assignments) setConfField(conf, assignment);
-  show(store.setConf(conf));
+  const ravel::ClientConf valid = store.changeConf([this](ravel::ClientConf& conf) {
+    for (const std::string& assignment : _assignments) setConfField(conf, assignment);
+  });
+  try {
+    show(valid);
+  } catch (const OutputLost& lost) {
+    throw lost.after("the configuration was set");
+  }
   return kExitDone;
 }
 

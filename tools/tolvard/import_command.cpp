@@ -195,7 +195,12 @@ ExitStatus ImportCommand::run() {
   if (!_comparison.isSafe() && !_force) return report(Outcome::Refused, std::nullopt);
   if (_comparison.isSame() && !_force) return report(Outcome::Unchanged, _served);
   if (_dryRun) return report(Outcome::Importable, std::nullopt);
-  return report(Outcome::Imported, store());
+  const auto added = store();
+  try {
+    return report(Outcome::Imported, added);
+  } catch (const OutputLost& lost) {
+    throw lost.after("version " + std::to_string(added->number) + " was imported");
+  }
 }
 
 }  // namespace tolvar::tools

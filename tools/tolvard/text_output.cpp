@@ -24,12 +24,16 @@ std::size_t widthOf(const std::string& text) {
 std::string printable(std::string_view text) {
   const bool isText = service::isUtf8(text);
   std::string out;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7F && (byte < 0x80 || isText)) {
-      out += c;
+  std::size_t toEscape = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (toEscape == 0)
+      toEscape = isText ? service::controlLength(text.substr(i)) : byte < 0x20 || byte >= 0x7F;
+    if (toEscape == 0) {
+      out += text[i];
       continue;
     }
+    --toEscape;
     std::array<char, 5> escaped{};
     std::snprintf(escaped.data(), escaped.size(), "\\x%02X", byte);
     out += escaped.data();

@@ -71,11 +71,15 @@ ExitStatus RollbackCommand::run() const {
   // A damaged version is found before it is served, not after.
   if (wanted) store.load(*wanted);
   const StoredVersion added = store.rollback(_version, std::time(nullptr));
-  if (_json) {
-    printJson(jsonOf(added));
-  } else {
-    print("version " + std::to_string(added.number) + " has the content of version " +
-          std::to_string(_version) + ", digest " + added.digest + "\n");
+  const std::string done = "version " + std::to_string(added.number) +
+                           " has the content of version " + std::to_string(_version);
+  try {
+    if (_json)
+      printJson(jsonOf(added));
+    else
+      print(done + ", digest " + added.digest + "\n");
+  } catch (const OutputLost& lost) {
+    throw lost.after(done);
   }
   return kExitDone;
 }

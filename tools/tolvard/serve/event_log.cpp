@@ -75,14 +75,22 @@ void EventLog::run() {
     lines.swap(_queue);
     const std::uint64_t lost = std::exchange(_lost, 0);
     lock.unlock();
-    for (std::string& line : lines) write(std::move(line));
-    if (lost != 0)
-      write(formatEvent(_clock.timeOfDay(), "warn", "log_lines_lost", {{"lines", lost}}) + '\n');
+    _untold += lost;
+    for (std::string& line : lines) {
+      if (!write(std::move(line))) ++_untold;
+    }
+    if (_untold != 0) tellLoss();
     lock.lock();
   }
 }
 
-void EventLog::write(std::string line) {
+void EventLog::tellLoss() {
+  const timeval now = _clock.timeOfDay();
+  if (write(formatEvent(now, "warn", "log_lines_lost", {{"lines", _untold}}) + '\n')) _untold = 0;
+}
+
+bool EventLog::write(std::string line) {
+  if (_isCutOff) line.insert(0, 1, '\n');
   std::string_view rest = line;
   while (!rest.empty() && qel::systemClock().steadyMillis() < _giveUpAt) {
     pollfd ready{_descriptor, POLLOUT, 0};
@@ -93,8 +101,10 @@ void EventLog::write(std::string line) {
     if (written > 0)
       rest.remove_prefix(static_cast<std::size_t>(written));
     else if (written < 0 && errno != EINTR && errno != EAGAIN)
-      return;
+      break;
   }
+  if (rest.size() < line.size()) _isCutOff = !rest.empty();
+  return rest.empty();
 }
 
 }  // namespace tolvar::tools

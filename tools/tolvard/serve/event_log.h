@@ -33,8 +33,9 @@ std::string formatEvent(timeval now, std::string_view level, std::string_view ev
                         std::initializer_list<EventField> fields);
 
 /// Writes events to a file descriptor, a line each. A thread of its own writes, so that a reader
-/// that has stopped reading holds nobody up: at most kMaxQueued lines wait, later ones are counted
-/// and the count is written when there is room. All operations may be called from any thread.
+/// that has stopped reading holds nobody up: at most kMaxQueued lines wait. Later ones, and those
+/// that cannot be written (a full disk), are counted, and the count is written when there is room.
+/// All operations may be called from any thread.
 class EventLog {
  public:
   static constexpr std::size_t kMaxQueued = 8192;
@@ -56,7 +57,8 @@ class EventLog {
   void push(std::string_view level, std::string_view event,
             std::initializer_list<EventField> fields);
   void run();
-  void write(std::string line);
+  void tellLoss();
+  bool write(std::string line);
 
   const int _descriptor;
   qel::Clock& _clock;
@@ -66,6 +68,10 @@ class EventLog {
   std::deque<std::string> _queue;
   std::uint64_t _lost = 0;
   bool _ending = false;
+
+  // Used by the writer only.
+  std::uint64_t _untold = 0;  ///< lines that were lost and are not told yet
+  bool _isCutOff = false;     ///< the last line in the file has no end
 
   std::atomic<std::int64_t> _giveUpAt{INT64_MAX};  ///< steady milliseconds
   std::thread _writer;

@@ -44,7 +44,7 @@ void StoreFollower::open() {
   setStore(std::make_shared<TableStore>(_path, TableStore::Mode::Create));
   _opened = fileState();
   _mark = store()->changeMark();
-  refresh();
+  refresh(true);
 }
 
 void StoreFollower::start(Steps steps) {
@@ -90,17 +90,21 @@ void StoreFollower::run() {
 
 void StoreFollower::look(bool isForced) {
   const FileState state = fileState();
+  _lookedAt = state;
   const bool isFailed = !_failure.empty();
   if (isFailed && !isForced && state == _failedAt && steadyMillis() < _retryAt) return;
   if (isFailed || isForced || !state.isSameFile(_opened)) reopen();
   const std::int64_t mark = store()->changeMark();
-  if (isForced || isFailed || mark != _mark) refresh();
+  // Before reading, which may take long: what is written meanwhile is to be read, too.
+  _lookedAt = fileState();
+  if (isForced || isFailed || mark != _mark) refresh(isForced);
   _mark = mark;
   if (!std::exchange(_failure, "").empty()) _log.info("store_recovered", {{"db", _path}});
 }
 
 void StoreFollower::reopen() {
   const FileState state = fileState();
+  if (!state.isSameFile(_opened)) _unreadable = {};
   setStore(nullptr);
   // Never makes a file: one that was taken away may be about to come back.
   setStore(std::make_shared<TableStore>(_path, TableStore::Mode::ReadWrite));
@@ -108,11 +112,19 @@ void StoreFollower::reopen() {
   _mark = -1;
 }
 
-void StoreFollower::refresh() {
-  const auto loaded =
-      store()->loadNewest([this](const StoredVersion& newest) { return isSame(newest, _seen); });
-  if (loaded) publish(*loaded);
+void StoreFollower::refresh(bool isForced) {
+  // First, so that a version that cannot be served does not keep it out.
   refreshConf();
+  const auto loaded = store()->loadNewest([this, isForced](const StoredVersion& newest) {
+    if (isSame(newest, _seen)) return true;
+    // What clients report changes the file all the time, and reading a version may take long.
+    if (!isForced && isSame(newest, _unreadable) && steadyMillis() < _retryAt)
+      throw service::StoreError(_failure);
+    _unreadable = newest;
+    return false;
+  });
+  if (loaded) publish(*loaded);
+  _unreadable = {};
 }
 
 void StoreFollower::publish(const TableStore::LoadedVersion& loaded) {
@@ -146,8 +158,9 @@ void StoreFollower::refreshConf() {
 }
 
 void StoreFollower::fail(const std::string& message) {
-  _failedAt = fileState();
-  _retryAt = steadyMillis() + kRetryMillis;
+  _failedAt = _lookedAt;
+  const std::int64_t now = steadyMillis();
+  if (now >= _retryAt || message != _failure) _retryAt = now + kRetryMillis;
   if (message == _failure) return;
   _failure = message;
   const auto current = _service.current();

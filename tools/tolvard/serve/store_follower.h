@@ -78,7 +78,7 @@ class StoreFollower {
   bool isStopping() const noexcept { return _stop.stop_requested(); }
   void run();
   void look(bool isForced);
-  void refresh();
+  void refresh(bool isForced);
   void publish(const service::TableStore::LoadedVersion& loaded);
   void refreshConf();
   void reopen();
@@ -93,12 +93,14 @@ class StoreFollower {
   Steps _steps;
 
   // Used by open, then by the thread only.
-  FileState _opened;             ///< when the store was opened
-  FileState _failedAt;           ///< when reading it failed last
-  std::int64_t _retryAt = 0;     ///< steady milliseconds; when to try again after a failure
-  std::int64_t _mark = 0;        ///< the store's change mark that was read
-  service::StoredVersion _seen;  ///< the version published last
-  std::string _failure;          ///< what was logged last; empty while all is well
+  FileState _opened;                   ///< when the store was opened
+  FileState _lookedAt;                 ///< when it was read last
+  FileState _failedAt;                 ///< when reading it failed last
+  std::int64_t _retryAt = 0;           ///< steady milliseconds; when to try again after a failure
+  std::int64_t _mark = 0;              ///< the store's change mark that was read
+  service::StoredVersion _seen;        ///< the version published last
+  service::StoredVersion _unreadable;  ///< the version that could not be read or served
+  std::string _failure;                ///< what was logged last; empty while all is well
 
   std::mutex _mutex;
   std::condition_variable _wake;

@@ -21,7 +21,8 @@ class UsageWriter {
   /// All outlive the writer.
   UsageWriter(std::string path, service::LookupService& service, EventLog& log);
 
-  /// Writes what is left, waiting for another writer for at most half a second.
+  /// Writes what is left, waiting for another writer for at most half a second each for what was
+  /// held back and for what came since; what cannot be written is lost, and the log says how much.
   ~UsageWriter();
 
   UsageWriter(const UsageWriter&) = delete;
@@ -30,6 +31,8 @@ class UsageWriter {
  private:
   void run();
   void flush(int busyMillis);
+  void store(int busyMillis);
+  void tellLoss();
 
   const std::string _path;
   service::LookupService& _service;
