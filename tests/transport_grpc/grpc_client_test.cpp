@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "platform/exception.h"
+#include "report/client_report.h"
 #include "tests/transport_grpc/scripted_server.h"
 #include "tests/transport_grpc/test_ports.h"
 #include "tests/transport_grpc/test_tables.h"
@@ -282,8 +283,23 @@ TEST_F(GrpcClient, OversizedRequestIsAFailure) {
   serve(1);
   const std::vector<std::string> lines(3000, std::string(4000, 'x'));
   EXPECT_THAT(failureOf([&] { main->reportLines(lines, 0); }), HasSubstr("RESOURCE_EXHAUSTED"));
-  EXPECT_THAT(failureOf([&] { main->reportLines({std::string(9000, 'x')}, 0); }),
-              HasSubstr("reportLines: the request cannot be sent"));
+}
+
+TEST_F(GrpcClient, WhatCannotBeSentIsAFailureLikeAnyOther) {
+  serve(1);
+  const std::string endpoint = loopback(server->ports()[0]);
+  ravel::CheckReq req;
+  req.contentMd5 = std::string(65, 'f');
+  ravel::CheckInfo info;
+  EXPECT_THAT(failureOf([&] { main->checkChangeAdv(req, info); }),
+              testing::MatchesRegex("checkChangeAdv at " + endpoint +
+                                    ": INVALID_ARGUMENT after [0-9]+ ms: the request cannot be "
+                                    "sent: bytes of a digest: 65, at most 64 is allowed"));
+  ravel::ReportCount unknown;
+  unknown.info.type = static_cast<ravel::ReportType>(9);
+  EXPECT_THAT(failureOf([&] { main->selectServer(1)->reportCounts({unknown}, 0); }),
+              AllOf(StartsWith("reportCounts at " + endpoint + ": INVALID_ARGUMENT after "),
+                    HasSubstr("the request cannot be sent: report type 9")));
 }
 
 TEST_F(GrpcClient, LyingAnswersAreFailures) {
@@ -334,7 +350,8 @@ TEST_F(GrpcClient, ContextsTravelBothWays) {
   EXPECT_THAT(failureOf([&] {
                 main->getConf(conf, {{"Bad Key", ""}}, nullptr);
               }),
-              HasSubstr("context key \"Bad Key\""));
+              AllOf(StartsWith("getConf at " + scripted.address() + ": INVALID_ARGUMENT after "),
+                    HasSubstr("context key \"Bad Key\"")));
 }
 
 TEST_F(GrpcClient, ProxiesOutliveTheirCommunicator) {
@@ -342,7 +359,9 @@ TEST_F(GrpcClient, ProxiesOutliveTheirCommunicator) {
   const ravel::TolvarPrx selected = main->selectServer(3);
   communicator.reset();
   ravel::ClientConf conf;
-  EXPECT_THAT(failureOf([&] { selected->getConf(conf); }), HasSubstr("the communicator has ended"));
+  EXPECT_THAT(failureOf([&] { selected->getConf(conf); }),
+              AllOf(StartsWith("getConf at " + loopback(server->ports()[0]) + ": CANCELLED after "),
+                    HasSubstr("the communicator has ended")));
 }
 
 TEST(GrpcCommunicator, NamesWithoutEndpointsAreRefused) {
@@ -366,7 +385,12 @@ TEST(GrpcCommunicator, OptionsThatCannotWorkAreRefused) {
   EXPECT_EQ(refusal([](GrpcOptions&) {}), "no failure");
   EXPECT_THAT(refusal([](GrpcOptions& o) { o.endpoints[kMain].clear(); }), HasSubstr(kMain));
   EXPECT_THAT(refusal([](GrpcOptions& o) { o.endpoints[kMain] = {""}; }), HasSubstr(kMain));
+  EXPECT_THAT(
+      refusal([](GrpcOptions& o) { o.endpoints[kMain] = {"unix:/" + std::string(107, 'x')}; }),
+      HasSubstr("has at most 107 bytes"));
   EXPECT_THAT(refusal([](GrpcOptions& o) { o.pageDeadline = milliseconds(0); }),
+              HasSubstr("deadline"));
+  EXPECT_THAT(refusal([](GrpcOptions& o) { o.checkDeadline = milliseconds::max(); }),
               HasSubstr("deadline"));
   EXPECT_THAT(refusal([](GrpcOptions& o) { o.maxReceiveBytes = 0; }), HasSubstr("receive limit"));
   EXPECT_THAT(refusal([](GrpcOptions& o) { o.authority = "x"; }), HasSubstr("authority"));

@@ -90,6 +90,19 @@ TEST(GrpcEndpoints, ADeadServerIsPassedOver) {
   EXPECT_LT(steady_clock::now() - begin, milliseconds(2500));
 }
 
+TEST(GrpcEndpoints, AServerThatTakesConnectionsAndNeverAnswersIsPassedOver) {
+  const DeadPort silent(true);
+  ScriptedServer alive(numbered(1));
+  for (const bool isConnected : {false, true}) {
+    GrpcCommunicator communicator(optionsFor({silent.address(), alive.address()}));
+    const ravel::TolvarPrx proxy = proxyOf(communicator);
+    if (isConnected) {
+      EXPECT_EQ(answeringServer(*proxy->selectServer(1)), 1);
+    }
+    EXPECT_EQ(answeringServer(*proxy->selectServer(0)), 1);
+  }
+}
+
 TEST(GrpcEndpoints, CallsWithoutAChoiceTryTheNextServer) {
   const DeadPort dead;
   const DeadPort silent(true);

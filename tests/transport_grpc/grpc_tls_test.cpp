@@ -165,6 +165,23 @@ TEST_F(GrpcTls, TheServersNameIsCheckedAndCanBeGiven) {
   EXPECT_THAT(call(trusting(authority), "other.example"), HasSubstr("Hostname Verification"));
 }
 
+TEST_F(GrpcTls, AHandshakeThatFailsSaysWhatMayBeWrong) {
+  serve(authority.issue("server", "127.0.0.1"));
+  const TestAuthority other("other");
+  EXPECT_THAT(call(trusting(other)), HasSubstr("from no authority of the CA file"));
+  EXPECT_THAT(call(trusting(authority), "elsewhere.example"), HasSubstr("is for other names"));
+  EXPECT_THAT(call(std::nullopt), HasSubstr("it may want TLS"));
+  serve(authority.issue("expired", "127.0.0.1", -1));
+  EXPECT_THAT(call(trusting(authority)), HasSubstr("has expired"));
+  const GrpcServer plain(tolvar_test::makeService(10), [] {
+    tolvar::GrpcServerOptions options;
+    options.listen = {"127.0.0.1:0"};
+    return options;
+  }());
+  EXPECT_THAT(Caller(loopback(plain.ports()[0]), trusting(authority), "").call(),
+              HasSubstr("does not answer with TLS"));
+}
+
 TEST_F(GrpcTls, ANewCertificateIsShownWithoutARestart) {
   GrpcTlsFiles files = authority.issue("server", "127.0.0.1");
   files.caFile.clear();

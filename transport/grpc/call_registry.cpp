@@ -2,15 +2,13 @@
 
 #include <grpcpp/client_context.h>
 
-#include "platform/exception.h"
-
 namespace tolvar {
 
 CallRegistry::Call::Call(CallRegistry& registry, Family family)
     : _registry(registry), _family(family) {
   const std::lock_guard lock(_registry._mutex);
-  if (_registry._ended) throw qel::ZU_Exception("the communicator has ended");
   _registry._calls.insert(this);
+  _cancelled = _registry._ended;
 }
 
 CallRegistry::Call::~Call() {
@@ -32,6 +30,11 @@ void CallRegistry::Call::detach() {
 bool CallRegistry::Call::cancelled() const {
   const std::lock_guard lock(_registry._mutex);
   return _cancelled;
+}
+
+bool CallRegistry::Call::allEnded() const {
+  const std::lock_guard lock(_registry._mutex);
+  return _registry._ended;
 }
 
 bool CallRegistry::Call::pause(std::chrono::milliseconds duration) const {

@@ -22,7 +22,7 @@ class CallRegistry {
   /// outlives it.
   class Call {
    public:
-    /// Throws ZU_Exception after `end`.
+    /// After `end` the call is cancelled from the start.
     Call(CallRegistry& registry, Family family);
     ~Call();
     Call(const Call&) = delete;
@@ -34,6 +34,9 @@ class CallRegistry {
     void detach();
 
     bool cancelled() const;
+
+    /// Nothing else can be called any more either.
+    bool allEnded() const;
 
     /// Sleeps for `duration` unless the call is cancelled; answers false when it is.
     bool pause(std::chrono::milliseconds duration) const;

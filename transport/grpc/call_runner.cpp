@@ -19,6 +19,28 @@ constexpr milliseconds kPauseBetweenRounds{50};
 constexpr std::string_view kContextPrefix = "tolvar-ctx-";
 constexpr std::string_view kContextSuffix = "-bin";
 
+/// What people can make of the end of the library's text when no connection was made.
+struct Meaning {
+  std::string_view end;
+  const char* text;
+};
+constexpr Meaning kMeanings[] = {
+    {"Socket closed",
+     " (the server hung up: it may want TLS, or a client certificate that it trusts)"},
+    {"certificate verify failed",
+     " (the server's certificate has expired, or is from no authority of the CA file)"},
+    {"Hostname Verification Check failed.",
+     " (the server's certificate is for other names than the endpoint's)"},
+    {"wrong version number", " (the server does not answer with TLS)"},
+    {"Handshake read failed", " (what listens there does not answer)"},
+};
+
+const char* meaningOf(std::string_view cause) {
+  const auto found = std::find_if(std::begin(kMeanings), std::end(kMeanings),
+                                  [&](const Meaning& known) { return cause.ends_with(known.end); });
+  return found == std::end(kMeanings) ? "" : found->text;
+}
+
 /// One call while it is being made.
 class RunningCall {
  public:
@@ -32,6 +54,8 @@ class RunningCall {
         _attempt(attempt) {}
 
   void run(const EndpointSet::Endpoints& servers) {
+    _lastServer = servers.front().get();
+    if (_call.cancelled()) fail();
     do {
       for (std::size_t i = 0; i < servers.size(); ++i)
         if (tryServer(*servers[i], servers.size() - i)) return;
@@ -95,11 +119,14 @@ bool RunningCall::tryServer(Endpoint& server, std::size_t serversLeft) {
 grpc::Status RunningCall::send(Endpoint& server, milliseconds limit) {
   grpc::ClientContext context;
   context.set_deadline(system_clock::now() + limit);
-  applyContext(context);
   _call.attach(context);
   grpc::Status status;
   try {
+    applyContext(context);
     status = _attempt(server, context);
+  } catch (const UnsendableRequest& error) {
+    status = grpc::Status(grpc::StatusCode::INVALID_ARGUMENT,
+                          std::string("the request cannot be sent: ") + error.what());
   } catch (const wire::WireError& error) {
     status = grpc::Status(grpc::StatusCode::DATA_LOSS,
                           std::string("the answer breaks the contract: ") + error.what());
@@ -122,7 +149,7 @@ void RunningCall::applyContext(grpc::ClientContext& context) const {
       return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-' || c == '.';
     });
     if (!legal)
-      throw qel::ZU_Exception(_plan.operation + ": the context key \"" + key +
+      throw UnsendableRequest("the context key \"" + key +
                               "\" has other characters than a-z, 0-9, \"_\", \"-\" and \".\"");
     context.AddMetadata(std::string(kContextPrefix) + key + std::string(kContextSuffix), value);
   }
@@ -146,12 +173,13 @@ void RunningCall::fail() const {
   std::string cause = _last.error_message();
   if (_call.cancelled()) {
     status = statusName(grpc::StatusCode::CANCELLED);
-    cause = "the client ended the call";
+    const bool isTooLate = _last.ok() && _call.allEnded();
+    cause = isTooLate ? "the communicator has ended" : "the client ended the call";
   } else if (_last.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
     cause = _lastConnected ? "the service did not answer in time"
                            : "no connection to the service was made in time";
-  } else if (!_lastConnected && cause.ends_with("Socket closed")) {
-    cause += " (the server hung up: it may want TLS, or a client certificate that it trusts)";
+  } else if (!_lastConnected) {
+    cause += meaningOf(cause);
   }
   if (const std::string refusal = _lastServer->credentialsRefusal();
       !_lastConnected && !refusal.empty())

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <functional>
+#include <stdexcept>
 #include <string>
 
 #include "remote/proxies.h"
@@ -22,6 +23,12 @@ struct CallPlan {
 
 /// Name of a gRPC status code as people search for it, "DEADLINE_EXCEEDED" for example.
 std::string statusName(grpc::StatusCode code);
+
+/// Thrown by an attempt whose request cannot be told on the wire.
+class UnsendableRequest : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 /// Makes one call: tries `servers` in order, and again until the deadline while none can be
 /// reached. Blocks; ends within milliseconds when the call's family is cancelled.

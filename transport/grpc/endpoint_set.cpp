@@ -15,19 +15,20 @@ std::size_t chosenIndex(std::int64_t key, std::size_t count) noexcept {
 }
 
 std::shared_ptr<Endpoint> EndpointSet::select(std::int64_t key) const {
-  const std::size_t count = _endpoints.size();
-  const std::size_t first = chosenIndex(key, count);
-  if (count == 1) return _endpoints.front();
-  bool mayProbe = true;
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::shared_ptr<Endpoint>& endpoint = _endpoints[(first + i) % count];
-    if (mayProbe && !endpoint->isReady() && !endpoint->knownDown()) {
-      endpoint->probe(kProbeLimit);
-      mayProbe = endpoint->isReady() || endpoint->knownDown();
-    }
-    if (!endpoint->knownDown()) return endpoint;
+  if (_endpoints.size() == 1) return _endpoints.front();
+  const Endpoints order = ordered(key);
+  const auto until = std::chrono::steady_clock::now() + kProbeLimit;
+  for (const std::shared_ptr<Endpoint>& endpoint : order) {
+    if (endpoint->knownDown()) continue;
+    // Most of the time is the chosen one's; a server that hangs must leave some to the others.
+    const auto left = until - std::chrono::steady_clock::now();
+    if (!endpoint->isReady())
+      endpoint->probe(std::chrono::duration_cast<std::chrono::milliseconds>(left) * 2 / 3);
+    if (endpoint->isReady() && !endpoint->knownDown()) return endpoint;
   }
-  return _endpoints[first];
+  const auto likely = std::find_if(order.begin(), order.end(),
+                                   [](const auto& endpoint) { return !endpoint->knownDown(); });
+  return likely == order.end() ? _endpoints[chosenIndex(key, _endpoints.size())] : *likely;
 }
 
 EndpointSet::Endpoints EndpointSet::ordered(std::int64_t key) const {

@@ -20,9 +20,12 @@ class EndpointSet {
 
   explicit EndpointSet(Endpoints endpoints) : _endpoints(std::move(endpoints)) {}
 
-  /// The server that `key` chooses, or the next one after it that is not known to be down. One that
-  /// has no connection gets up to 150 ms to show that it can be reached. When all are down, the
-  /// chosen one.
+  const Endpoint& first() const noexcept { return *_endpoints.front(); }
+
+  /// The server that `key` chooses, or the next one after it that is not known to be down and has a
+  /// connection. Those that have none get 150 ms in all to make one, the chosen one 100 of them.
+  /// Without any connection the first one that is not known to be down; when all are, the chosen
+  /// one.
   std::shared_ptr<Endpoint> select(std::int64_t key) const;
 
   /// All servers from the chosen one on, those known to be down last.

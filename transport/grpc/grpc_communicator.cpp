@@ -1,10 +1,12 @@
 #include "transport/grpc/grpc_communicator.h"
 
-#include "platform/abandon.h"
+#include <sys/un.h>
+
+#include <string_view>
+
 #include "platform/exception.h"
 #include "transport/grpc/client_credentials.h"
 #include "transport/grpc/endpoint_set.h"
-#include "transport/grpc/grpc_fork.h"
 #include "transport/grpc/grpc_proxies.h"
 #include "transport/grpc/page_request.h"
 
@@ -14,14 +16,28 @@ namespace {
 constexpr const char* kMainSuffix = ".TolvarObj@tcp";
 constexpr const char* kFastSuffix = ".FTolvarObj@tcp";
 
+/// A moment that the system's clock can tell must lie behind every call.
+constexpr std::chrono::hours kLongestDeadline{24};
+
+constexpr std::string_view kUnixPrefix = "unix:";
+constexpr std::size_t kLongestUnixPath = sizeof(sockaddr_un::sun_path) - 1;
+
+void checkEndpoint(const std::string& name, const std::string& address) {
+  if (address.empty()) throw qel::ZU_Exception("the object " + name + " has an empty endpoint");
+  if (address.starts_with(kUnixPrefix) && address.size() > kUnixPrefix.size() + kLongestUnixPath)
+    throw qel::ZU_Exception("the endpoint " + address + " of the object " + name +
+                            " cannot be: the path of a unix socket has at most " +
+                            std::to_string(kLongestUnixPath) + " bytes; take a shorter one");
+}
+
 void checkOptions(const GrpcOptions& options) {
   for (const auto& [name, addresses] : options.endpoints) {
     if (addresses.empty()) throw qel::ZU_Exception("the object " + name + " has no endpoint");
-    for (const std::string& address : addresses)
-      if (address.empty()) throw qel::ZU_Exception("the object " + name + " has an empty endpoint");
+    for (const std::string& address : addresses) checkEndpoint(name, address);
   }
-  if (options.checkDeadline.count() <= 0 || options.pageDeadline.count() <= 0)
-    throw qel::ZU_Exception("a deadline must be at least 1 ms");
+  for (const std::chrono::milliseconds deadline : {options.checkDeadline, options.pageDeadline})
+    if (deadline.count() <= 0 || deadline > kLongestDeadline)
+      throw qel::ZU_Exception("a deadline must be from 1 ms to 24 hours");
   if (options.maxReceiveBytes <= 0)
     throw qel::ZU_Exception("the receive limit must be at least 1 byte");
   if (!options.tls && !options.authority.empty())
@@ -30,30 +46,19 @@ void checkOptions(const GrpcOptions& options) {
 
 GrpcOptions checked(GrpcOptions options) {
   checkOptions(options);
-  claimGrpc();
   return options;
 }
 
 }  // namespace
 
 GrpcCommunicator::GrpcCommunicator(GrpcOptions options)
-    : _core(std::make_shared<GrpcCore>(checked(std::move(options)))),
+    : _core(ownedByThisProcess(std::make_unique<GrpcCore>(checked(std::move(options))))),
       _credentials(std::make_shared<ClientCredentials>(_core->options.tls)) {}
 
-GrpcCommunicator::~GrpcCommunicator() {
-  if (isGrpcLostInFork()) {
-    // The connections are the parent's, and its threads may have held any lock.
-    qel::abandon(_core);
-    qel::abandon(_credentials);
-    qel::abandon(_endpoints);
-    qel::abandon(_sets);
-  } else {
-    end();
-  }
-}
+GrpcCommunicator::~GrpcCommunicator() { end(); }
 
 void GrpcCommunicator::end() {
-  if (!isGrpcLostInFork()) _core->calls.end();
+  if (!_core->process.isForkedCopy()) _core->calls.end();
 }
 
 void GrpcCommunicator::stringToProxy(const std::string& name, ravel::TolvarPrx& proxy) {
@@ -68,7 +73,7 @@ void GrpcCommunicator::stringToProxy(const std::string& name, ravel::FTolvarPrx&
 
 std::shared_ptr<const EndpointSet> GrpcCommunicator::resolve(const std::string& name,
                                                              const std::string& foreign) {
-  claimGrpc();
+  if (_core->process.isForkedCopy()) throw qel::ZU_Exception(kLostInFork);
   if (name.ends_with(foreign))
     throw qel::ZU_Exception("the object name " + name + " is one of the other object (" + foreign +
                             ")");
@@ -81,7 +86,7 @@ std::shared_ptr<const EndpointSet> GrpcCommunicator::resolve(const std::string& 
   if (!set) {
     EndpointSet::Endpoints endpoints;
     for (const std::string& address : configured->second) endpoints.push_back(endpointAt(address));
-    set = std::make_shared<EndpointSet>(std::move(endpoints));
+    set = ownedByThisProcess(std::make_unique<const EndpointSet>(std::move(endpoints)));
   }
   return set;
 }

@@ -29,17 +29,17 @@ struct GrpcCore;
 /// connection; one that stands is kept. While they cannot be used, connections are made as before,
 /// and a call that finds none says which file it is and what is wrong.
 ///
-/// Fork: gRPC does not work in a process that was forked from one which had made a communicator.
-/// There the constructor, `stringToProxy` and calls throw ZU_Exception at once, the other
-/// operations do nothing, and the destructor leaves the parent's connections alone. A server that
-/// forks its workers makes the first communicator in the workers.
+/// Fork: gRPC does not work in a child that was forked after its parent had made a communicator.
+/// Its calls, through a copy or a communicator of its own, are refused at once. It may destroy what
+/// it has copies of. A server that forks its workers makes the first communicator in the workers.
 ///
 /// All operations may be called from any thread. Proxies may outlive the communicator; their calls
 /// then fail at once.
 class GrpcCommunicator : public qel::Communicator {
  public:
-  /// Does not connect. Throws ZU_Exception when an object has no or an empty endpoint, a deadline
-  /// is not positive, or a file of `options.tls` cannot be used, and in a forked copy.
+  /// Does not connect. Throws ZU_Exception when an object has no endpoint or one that cannot be, a
+  /// deadline is not in its bounds, the process is a forked child (see above), or a file of
+  /// `options.tls` cannot be used.
   explicit GrpcCommunicator(GrpcOptions options);
 
   /// As `end`.
@@ -60,9 +60,8 @@ class GrpcCommunicator : public qel::Communicator {
   std::shared_ptr<const EndpointSet> resolve(const std::string& name, const std::string& foreign);
   std::shared_ptr<Endpoint> endpointAt(const std::string& address);
 
-  // Set by the constructor.
-  std::shared_ptr<GrpcCore> _core;
-  std::shared_ptr<ClientCredentials> _credentials;
+  const std::shared_ptr<GrpcCore> _core;
+  const std::shared_ptr<ClientCredentials> _credentials;
 
   std::mutex _mutex;
   // Guarded by _mutex.

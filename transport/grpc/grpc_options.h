@@ -27,7 +27,7 @@ struct GrpcOptions {
   std::map<std::string, std::vector<std::string>> endpoints;
 
   /// Most time of a change check, of fetching the configuration and of a report, connecting
-  /// included.
+  /// included; 1 ms to 24 hours.
   std::chrono::milliseconds checkDeadline{3000};
 
   /// The same for a page and for the code tables.

@@ -6,7 +6,6 @@
 #include "platform/exception.h"
 #include "tolvar.pb.h"
 #include "transport/grpc/bytes_call.h"
-#include "transport/grpc/grpc_fork.h"
 #include "transport/grpc/message_parser.h"
 #include "transport/grpc/page_bytes.h"
 #include "transport/grpc/page_codec.h"
@@ -25,14 +24,15 @@ constexpr const char* kDownloadCodesMethod = "/tolvar.v1.TolvarObj/DownloadCodes
 constexpr const char* kReportCountsMethod = "/tolvar.v1.TolvarObj/ReportCounts";
 constexpr const char* kReportLinesMethod = "/tolvar.v1.TolvarObj/ReportLines";
 
-/// Encodes a request; what cannot be told on the wire is the caller's failed call.
-template <class Encode>
-void encodeFor(const char* operation, Encode encode) {
+/// Within an attempt: what cannot be told on the wire is no fault of the answer's.
+template <class Request, class Encode>
+Request encoded(Encode encode) {
   try {
-    encode();
+    Request request;
+    encode(request);
+    return request;
   } catch (const wire::WireError& error) {
-    throw qel::ZU_Exception(std::string(operation) +
-                            ": the request cannot be sent: " + error.what());
+    throw UnsendableRequest(error.what());
   }
 }
 
@@ -110,18 +110,20 @@ GrpcTarget::GrpcTarget(std::shared_ptr<GrpcCore> sharedCore,
     : core(std::move(sharedCore)),
       servers(std::move(allServers)),
       family(core->calls.newFamily()),
-      ahead(std::make_shared<PageAhead>(core->calls, family, pageMethod)) {}
+      ahead(ownedByThisProcess(std::make_unique<PageAhead>(core->calls, family, pageMethod))) {}
 
 GrpcTarget GrpcTarget::select(std::int64_t key) const {
-  claimGrpc();  // to choose, connections are tried
   GrpcTarget chosen(*this);
-  chosen.bound = servers->select(key);
+  if (!core->process.isForkedCopy()) chosen.bound = servers->select(key);
   return chosen;
 }
 
 void GrpcTarget::call(const CallPlan& plan, const CallContext& context, CallContext* response,
                       const CallRunner::Attempt& attempt) const {
-  claimGrpc();
+  // Before any lock, which a thread of the parent may have held.
+  if (core->process.isForkedCopy())
+    throw qel::ZU_Exception(plan.operation + " at " + servers->first().address() +
+                            ": FAILED_PRECONDITION after 0 ms: " + kLostInFork);
   CallRunner runner(core->calls, family);
   const EndpointSet::Endpoints order =
       bound ? EndpointSet::Endpoints{bound} : servers->ordered(core->spreadKey);
@@ -129,7 +131,7 @@ void GrpcTarget::call(const CallPlan& plan, const CallContext& context, CallCont
 }
 
 void GrpcTarget::cancel() const {
-  if (isGrpcLostInFork()) return;
+  if (core->process.isForkedCopy()) return;
   core->calls.cancel(family);
   ahead->drop();
 }
@@ -155,10 +157,10 @@ int GrpcTolvarProxy::getConf(ravel::ClientConf& conf, const CallContext& context
 
 int GrpcTolvarProxy::checkChangeAdv(const ravel::CheckReq& req, ravel::CheckInfo& info,
                                     const CallContext& context, CallContext* response) {
-  v1::CheckRequest request;
-  encodeFor("checkChangeAdv", [&] { wire::encodeCheckReq(req, request); });
   _target.call({"checkChangeAdv", _target.core->options.checkDeadline, true}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
+                 const auto request = encoded<v1::CheckRequest>(
+                     [&](v1::CheckRequest& message) { wire::encodeCheckReq(req, message); });
                  v1::CheckAnswer answer;
                  const grpc::Status status =
                      callMain(server, kCheckChangeMethod, call, request, answer);
@@ -191,10 +193,12 @@ int GrpcTolvarProxy::totalDownloadCode(std::vector<ravel::CodeInfo>& codes,
 int GrpcTolvarProxy::reportCounts(const std::vector<ravel::ReportCount>& counts,
                                   std::uint64_t dropped, const CallContext& context,
                                   CallContext* response) {
-  v1::ReportCountsRequest request;
-  encodeFor("reportCounts", [&] { wire::encodeReportCounts(counts, dropped, request); });
   _target.call({"reportCounts", _target.core->options.checkDeadline, false}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
+                 const auto request =
+                     encoded<v1::ReportCountsRequest>([&](v1::ReportCountsRequest& message) {
+                       wire::encodeReportCounts(counts, dropped, message);
+                     });
                  v1::ReportAnswer answer;
                  return callMain(server, kReportCountsMethod, call, request, answer);
                });
@@ -203,10 +207,12 @@ int GrpcTolvarProxy::reportCounts(const std::vector<ravel::ReportCount>& counts,
 
 int GrpcTolvarProxy::reportLines(const std::vector<std::string>& lines, std::uint64_t dropped,
                                  const CallContext& context, CallContext* response) {
-  v1::ReportLinesRequest request;
-  encodeFor("reportLines", [&] { wire::encodeReportLines(lines, dropped, request); });
   _target.call({"reportLines", _target.core->options.checkDeadline, false}, context, response,
                [&](Endpoint& server, grpc::ClientContext& call) {
+                 const auto request =
+                     encoded<v1::ReportLinesRequest>([&](v1::ReportLinesRequest& message) {
+                       wire::encodeReportLines(lines, dropped, message);
+                     });
                  v1::ReportAnswer answer;
                  return callMain(server, kReportLinesMethod, call, request, answer);
                });

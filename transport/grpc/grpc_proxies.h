@@ -9,6 +9,7 @@
 #include "transport/grpc/call_runner.h"
 #include "transport/grpc/endpoint_set.h"
 #include "transport/grpc/grpc_options.h"
+#include "transport/grpc/grpc_process.h"
 #include "transport/grpc/page_ahead.h"
 
 namespace tolvar {
@@ -17,6 +18,7 @@ namespace tolvar {
 struct GrpcCore {
   explicit GrpcCore(GrpcOptions chosen);
 
+  const GrpcProcess process;
   const GrpcOptions options;
   /// Chooses the server that calls without a choice try first; random, so that clients spread.
   const std::int64_t spreadKey;
@@ -41,7 +43,7 @@ struct GrpcTarget {
   void call(const CallPlan& plan, const ravel::CallContext& context, ravel::CallContext* response,
             const CallRunner::Attempt& attempt) const;
 
-  /// Makes the family's calls under way fail.
+  /// Makes the family's calls under way fail; in a forked child, where there are none, nothing.
   void cancel() const;
 };
 

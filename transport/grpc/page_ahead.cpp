@@ -80,10 +80,11 @@ void PageAhead::ask(const Endpoint& server, const wire::PageQuery& query,
   drop();
   try {
     auto fetch = std::make_shared<Fetch>(_registry, _family, server, query, limit);
+    if (fetch->registration.cancelled()) return;
     fetch->send(_method);
     hold(std::move(fetch));
   } catch (const std::exception&) {
-    // The communicator has ended, or there is no memory for it.
+    // There is no memory for it.
   }
 }
 
