@@ -144,7 +144,7 @@ bool HostLife::initialize(Client& client) {
 
 void HostLife::start(Client& client) {
   if (initialize(client)) return;
-  if (!_faults.fired()) complain("a start failed though nothing had");
+  if (!_faults.fired()) complain("a start failed though nothing had: " + client.status().lastError);
   if (initialize(client)) return;
   _faults.heal();
   if (!initialize(client)) complain("no start on a healthy host");
