@@ -26,6 +26,16 @@ class RollBySize : public testing::Test {
 
   void init(int maxSize, int maxNum) { roller.init(dir.file("base"), maxSize, maxNum); }
 
+  void expectOpenFailure(LogBatch& batch, const std::string& name, int error) {
+    try {
+      roller.roll(batch);
+      ADD_FAILURE() << "no exception";
+    } catch (const LoggerException& e) {
+      EXPECT_EQ(e.what(), "[ZU_RollBySize::roll]:fopen fail: " + name);
+      EXPECT_EQ(e.getErrCode(), error);
+    }
+  }
+
   void write(const std::string& line) {
     LogBatch batch = batchOf({line});
     roller.roll(batch);
@@ -140,13 +150,7 @@ TEST_F(RollBySize, MissingDirectoryIsCreatedTheCallThrowsAndTheNextOneWrites) {
   const mode_t before = umask(022);
   roller.init(dir.file("a/b/base"), 1000, 10);
   LogBatch batch = batchOf({"kept"});
-  try {
-    roller.roll(batch);
-    ADD_FAILURE() << "no exception";
-  } catch (const LoggerException& e) {
-    EXPECT_EQ(e.what(), "[ZU_RollBySize::roll]:fopen fail: " + dir.file("a/b/base.log"));
-    EXPECT_EQ(e.getErrCode(), ENOENT);
-  }
+  expectOpenFailure(batch, dir.file("a/b/base.log"), ENOENT);
   umask(before);
   EXPECT_EQ(batch.size(), 1u);
   struct stat found {};
@@ -166,12 +170,7 @@ TEST_F(RollBySize, ADirectoryThatMayNotBeMadeIsTheCauseThatIsTold) {
   };
   roller.init(dir.file("a/b/base"), 1000, 10);
   LogBatch batch = batchOf({"kept"});
-  try {
-    roller.roll(batch);
-    ADD_FAILURE() << "no exception";
-  } catch (const LoggerException& e) {
-    EXPECT_EQ(e.getErrCode(), EACCES);
-  }
+  expectOpenFailure(batch, dir.file("a/b/base.log"), EACCES);
   EXPECT_EQ(batch.size(), 1u);
 }
 
@@ -179,13 +178,7 @@ TEST_F(RollBySize, UnopenableFileThrowsWithNameAndErrno) {
   ASSERT_EQ(mkdir(file(".log").c_str(), 0755), 0);
   init(1000, 10);
   LogBatch batch = batchOf({"kept"});
-  try {
-    roller.roll(batch);
-    ADD_FAILURE() << "no exception";
-  } catch (const LoggerException& e) {
-    EXPECT_EQ(e.what(), "[ZU_RollBySize::roll]:fopen fail: " + file(".log"));
-    EXPECT_EQ(e.getErrCode(), EISDIR);
-  }
+  expectOpenFailure(batch, file(".log"), EISDIR);
   EXPECT_EQ(batch.size(), 1u);
 }
 

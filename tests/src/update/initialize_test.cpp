@@ -308,6 +308,12 @@ TEST(Initialize, APositionFileThatCannotBeMadeNamesTheWorkingDirectory) {
       << error;
 }
 
+bool startsWith(TolvarAPI& client, qel::Communicator& communicator, Scene& scene) {
+  TolvarAPIOptions options = scene.options();
+  options.comm = &communicator;
+  return client.initialize(options);
+}
+
 TEST(Initialize, ProxyThatCannotBeMadeIsAnException) {
   struct Refusing : qel::Communicator {
     void stringToProxy(const std::string& name, ravel::TolvarPrx&) override {
@@ -316,10 +322,8 @@ TEST(Initialize, ProxyThatCannotBeMadeIsAnException) {
     void stringToProxy(const std::string&, ravel::FTolvarPrx&) override {}
   } communicator;
   Scene scene;
-  TolvarAPIOptions options = scene.options();
-  options.comm = &communicator;
   TolvarAPI client;
-  EXPECT_FALSE(client.initialize(options));
+  EXPECT_FALSE(startsWith(client, communicator, scene));
   scene.output.take();
   EXPECT_EQ(
       textsStarting(scene.output.out, "initialize exception:no such object: Geo.Main.TolvarObj@tcp")
@@ -333,10 +337,8 @@ TEST(Initialize, ProxyThatIsNotMadeIsAnException) {
     void stringToProxy(const std::string&, ravel::FTolvarPrx&) override {}
   } communicator;
   Scene scene;
-  TolvarAPIOptions options = scene.options();
-  options.comm = &communicator;
   TolvarAPI client;
-  EXPECT_FALSE(client.initialize(options));
+  EXPECT_FALSE(startsWith(client, communicator, scene));
   EXPECT_EQ(client.status().lastError,
             "initialize: the communicator made no proxy for the object \"Geo.Main.TolvarObj@tcp\"");
 }

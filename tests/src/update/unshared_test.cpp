@@ -39,6 +39,18 @@ class NoSegments {
   SystemCallsGuard _guard;
 };
 
+/// Both segments have `table`, its names with it, and are the same byte for byte.
+void expectBothShare(const ShmKeys& keys, const Table& table) {
+  const SegmentView segment0(keys.data0()), segment1(keys.data1());
+  for (const SegmentView* segment : {&segment0, &segment1}) {
+    EXPECT_EQ(segment->ipStatus(), 1u);
+    EXPECT_EQ(segment->codeStatus(), 1u);
+    EXPECT_EQ(digestOf(segment->ranges()), digestOf(table.rows));
+    EXPECT_EQ(segment->codes(5).at(0).name, table.codes.at(1).content);
+  }
+  EXPECT_TRUE(segment0.content() == segment1.content());
+}
+
 struct UnsharedScene : LateScene {
   TableServer server{service, 10};
 
@@ -55,16 +67,7 @@ struct UnsharedScene : LateScene {
     ASSERT_TRUE(refresh());
   }
 
-  void expectBothHold(const Table& table) {
-    const SegmentView segment0(keys.data0()), segment1(keys.data1());
-    for (const SegmentView* segment : {&segment0, &segment1}) {
-      EXPECT_EQ(segment->ipStatus(), 1u);
-      EXPECT_EQ(segment->codeStatus(), 1u);
-      EXPECT_EQ(digestOf(segment->ranges()), digestOf(table.rows));
-      EXPECT_EQ(segment->codes(5).at(0).name, table.codes.at(1).content);
-    }
-    EXPECT_TRUE(segment0.content() == segment1.content());
-  }
+  void expectBothHold(const Table& table) const { expectBothShare(keys, table); }
 };
 
 TEST(Unshared, AStartWithoutTheLockTouchesNoSegmentAndAnswersFromItsDownload) {
@@ -271,14 +274,6 @@ struct FullScene : StepScene {
   FullScene() : StepScene(4, 4) {}
 
   NoLargerSegments noMore(int error) const { return {SegmentView(keys.data0()).bytes(), error}; }
-  void expectSharedBy(const Table& table) {
-    for (const key_t key : {keys.data0(), keys.data1()}) {
-      const SegmentView segment(key);
-      EXPECT_EQ(segment.ipStatus(), 1u);
-      EXPECT_EQ(segment.codeStatus(), 1u);
-      EXPECT_EQ(digestOf(segment.ranges()), digestOf(table.rows));
-    }
-  }
 };
 
 class WithoutRoom : public testing::TestWithParam<int> {};
@@ -303,7 +298,7 @@ TEST_P(WithoutRoom, AFirstTableAnswersInThisProcessUntilThereIsSome) {
   ASSERT_TRUE(scene.refresh());
   EXPECT_EQ(versionAt(scene.client, kFirstAddress + 29 * 256), 2u);
   EXPECT_FALSE(scene.client.status().failing);
-  scene.expectSharedBy(next);
+  expectBothShare(scene.keys, next);
 }
 
 TEST_P(WithoutRoom, ANewerTableAnswersInThisProcessAndTheImageStaysWhole) {
