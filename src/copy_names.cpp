@@ -11,8 +11,8 @@ namespace {
 
 /// Bytes that every string has room for without asking for memory, and bytes that a string gets
 /// room for where a name may be longer.
-constexpr std::size_t kShort = TupleNames::kShortName;
-constexpr std::size_t kRoomy = 31;
+constexpr std::size_t kShort = MessageRows::kShortName;
+constexpr std::size_t kRoomy = MessageRows::kLongName;
 #ifndef __clang__  // for which this is no constant, with the same library
 static_assert(std::string().capacity() >= kShort);
 #endif
@@ -30,25 +30,24 @@ template <std::size_t kBytes>
   });
 }
 
-/// Copies name `kName` and moves `*text` from it to the next one. False when that is not as simple
-/// as this: a name is copied with what follows it, as much as the string has room for, and cut off
+/// Copies name `kName` of a complete row. False when the string has no room for long names and may
+/// need it. A name is copied with what follows it, as much as the string has room for, and cut off
 /// then. How long names are is nothing a processor could guess, and each wrong guess would cost
 /// more than the whole copy; how much room a string has stays the same from answer to answer.
 template <std::size_t kName>
-[[gnu::always_inline]] inline bool copyName(const std::uint8_t* lengths, unsigned longNames,
-                                            const char** text, std::string* out) {
-  const std::size_t length = lengths[kName];
-  const char* const name = *text;
-  *text += length;
+[[gnu::always_inline]] inline bool copyName(const MessageRows::Row& row, unsigned longNames,
+                                            std::string* out) {
   if ((longNames & 1u << kName) == 0) [[likely]] {
-    overwrite<kShort>(name, length, out);
+    const MessageRows::Name name = MessageRows::name<kName, false>(row);
+    overwrite<kShort>(name.text, name.length, out);
     return true;
   }
   // Told apart, or the compiler would ask for the room before it knows whether it matters.
   __asm__("" : "+r"(out));
-  if (out->capacity() < kRoomy || length > kRoomy) [[unlikely]]
+  if (out->capacity() < kRoomy) [[unlikely]]
     return false;
-  overwrite<kRoomy>(name, length, out);
+  const MessageRows::Name name = MessageRows::name<kName, true>(row);
+  overwrite<kRoomy>(name.text, name.length, out);
   return true;
 }
 
@@ -67,20 +66,15 @@ void assign(std::string_view name, bool mayBeLong, std::string* out) {
 
 [[gnu::always_inline]] inline bool copySimply(const TupleNames& names, std::uint32_t tuple,
                                               IPHumanMessage* msg) {
-  const TupleNames::Text text = names.text(tuple);
-  if (text.lengths[0] == TupleNames::kApart) [[unlikely]]
-    return false;
-  const unsigned longNames = names.longNames();
-  const char* name = text.names;
-  return copyName<0>(text.lengths, longNames, &name, &msg->m_country) &&
-         copyName<1>(text.lengths, longNames, &name, &msg->m_province) &&
-         copyName<2>(text.lengths, longNames, &name, &msg->m_city) &&
-         copyName<3>(text.lengths, longNames, &name, &msg->m_district) &&
-         copyName<4>(text.lengths, longNames, &name, &msg->m_extend) &&
-         copyName<5>(text.lengths, longNames, &name, &msg->m_oper) &&
-         copyName<6>(text.lengths, longNames, &name, &msg->m_nettype) &&
-         copyName<7>(text.lengths, longNames, &name, &msg->m_apn) &&
-         copyName<8>(text.lengths, longNames, &name, &msg->m_flable);
+  const MessageRows::Row row = names.messages().row(tuple);
+  const unsigned longNames = names.messages().longNames();
+  return MessageRows::complete(row) && copyName<0>(row, longNames, &msg->m_country) &&
+         copyName<1>(row, longNames, &msg->m_province) &&
+         copyName<2>(row, longNames, &msg->m_city) &&
+         copyName<3>(row, longNames, &msg->m_district) &&
+         copyName<4>(row, longNames, &msg->m_extend) && copyName<5>(row, longNames, &msg->m_oper) &&
+         copyName<6>(row, longNames, &msg->m_nettype) && copyName<7>(row, longNames, &msg->m_apn) &&
+         copyName<8>(row, longNames, &msg->m_flable);
 }
 
 #else
@@ -103,7 +97,7 @@ bool copySimply(const TupleNames&, std::uint32_t, IPHumanMessage*) { return fals
 /// keep registers for others.
 [[gnu::noinline]] void copyAny(const TupleNames& names, std::uint32_t tuple, IPHumanMessage* msg) {
   const IPNameView view = names.row(tuple);
-  const auto mayBeLong = [longNames = names.longNames()](int name) {
+  const auto mayBeLong = [longNames = names.messages().longNames()](int name) {
     return (longNames >> name & 1u) != 0;
   };
   assign(view.country(), mayBeLong(0), &msg->m_country);

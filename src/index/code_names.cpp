@@ -53,7 +53,11 @@ void CodeNames::addAll(const Codes (&tables)[kTypes]) {
   }
   addLabels();
   _text.reserve(_text.size() + bytes + kReadableBytes);
-  for (std::size_t i = 0; i < _tables.size(); ++i) fill(&_tables[i], tables[i]);
+  for (std::size_t i = 0; i < _tables.size(); ++i) {
+    const std::size_t begin = _text.size();
+    fill(&_tables[i], tables[i]);
+    setExtent(i, begin);
+  }
   addReadableBytes();
 }
 
@@ -61,6 +65,13 @@ void CodeNames::addReadableBytes() { _text.insert(_text.end(), kReadableBytes, '
 
 void CodeNames::addLabels() {
   for (const std::string_view label : kLabels) append(label);
+  setExtent(kTypes, 0);
+}
+
+/// Of the kind whose names are the last in the text, from `begin` on.
+void CodeNames::setExtent(std::size_t kind, std::size_t begin) noexcept {
+  _extents[kind] = {static_cast<std::uint32_t>(begin),
+                    static_cast<std::uint32_t>(_text.size() - begin)};
 }
 
 CodeNames::Place CodeNames::append(std::string_view name) {

@@ -35,6 +35,9 @@ class CodeNames {
   /// Code types: country, province, city, district, extend, oper, nettype, apn.
   static constexpr int kTypes = 8;
 
+  /// Kinds of names: those of the code types, in their order, and the labels'.
+  static constexpr std::size_t kNames = kTypes + 1;
+
   /// No names but the labels.
   CodeNames();
 
@@ -60,6 +63,9 @@ class CodeNames {
   /// Place of labelName(id) in the text.
   Place labelPlace(std::uint32_t id) const noexcept;
 
+  /// Where all names of a kind lie together; `kind` is below kNames.
+  Place extent(std::size_t kind) const noexcept { return _extents[kind]; }
+
   std::string_view view(Place place) const noexcept {
     return {_text.data() + place.offset, place.length};
   }
@@ -78,6 +84,7 @@ class CodeNames {
   static void prefetch(const Table& table, std::uint64_t id) noexcept;
 
   void addLabels();
+  void setExtent(std::size_t kind, std::size_t begin) noexcept;
   void addReadableBytes();
   Place append(std::string_view name);
   template <class Codes>
@@ -88,6 +95,7 @@ class CodeNames {
   void add(Table* table, std::uint64_t id, std::string_view name);
 
   std::vector<char, qel::HugePageAllocator<char>> _text;
+  std::array<Place, kNames> _extents;
   std::array<Table, kTypes> _tables;
 };
 

@@ -84,6 +84,32 @@ TEST_P(CopyNames, AMessageUsedAgainHoldsExactlyTheNamesOfTheLastAnswer) {
 
 INSTANTIATE_TEST_SUITE_P(Lengths, CopyNames, testing::Values(0, 3, 15, 16, 24, 31, 32, 60, 5000));
 
+/// More different names than fit beside the index, some of them in nearly every length there is.
+TEST(CopyNames, AMessageHoldsTheNamesOfALargeTable) {
+  constexpr std::uint32_t kTuples = 30000;
+  std::mt19937 random(11);
+  Maps maps;
+  ravel::vIPProperty table;
+  for (std::uint32_t i = 1; i <= kTuples; ++i) {
+    table.push_back(range(i));
+    const std::uint64_t district = static_cast<std::uint64_t>(table.back().place);
+    maps[1][district / 1000000].content = randomName(random, 15);
+    maps[2][district / 1000].content = randomName(random, 31);
+    maps[3][district].content = randomName(random, i % 1000 == 0 ? 60 : 31);
+    table.back().oper = i % 200;
+    maps[5][i % 200].content = "operator " + std::to_string(i % 200);
+  }
+  const tolvar::RangeIndex index = tolvar::RangeIndex::build(table);
+  const tolvar::TupleNames names(index, std::make_shared<const tolvar::CodeNames>(maps));
+  IPHumanMessage message;
+  for (std::uint32_t i = 0; i < kTuples; ++i) {
+    const std::uint32_t tuple = index.findTuple(1 + i * 7919 % kTuples);
+    tolvar::copyNames(names, tuple, &message);
+    expectSame(names.row(tuple), message);
+    ASSERT_FALSE(HasFailure()) << "address " << 1 + i * 7919 % kTuples;
+  }
+}
+
 TEST(CopyNames, AViewThatNobodyFilledHasNoNames) {
   const IPNameView view;
   EXPECT_EQ(view.country(), "");
