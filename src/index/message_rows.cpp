@@ -140,7 +140,7 @@ void MessageRows::write(const CodeNames& codes, const Kinds& kinds, const TupleP
 
 void MessageRows::writeRow(const CodeNames& codes, const Kinds& kinds,
                            const TuplePlaces::Places& places, char* row) const {
-  std::array<std::uint16_t, kNames> references;
+  std::array<std::uint16_t, kNames> references{};
   static_assert(sizeof references == kReferencesBytes);
   // Made aside of whole pieces, for whose copies the names' lengths need not be looked at.
   std::array<char, kNames * CodeNames::kReadableBytes> text;
