@@ -1,6 +1,7 @@
 #include "src/index/message_rows.h"
 
 #include <algorithm>
+#include <array>
 #include <numeric>
 
 #include "src/index/name_numbers.h"
@@ -44,10 +45,12 @@ class MessageRows::Kind {
     return _numbers.few() ? _numbers.names().size() * unitsPerSlot() : SIZE_MAX;
   }
 
-  /// Gives the kind's names slots from unit `first` on; there is room for them in `slots`.
-  void makeSlots(const CodeNames& codes, std::size_t first, char* slots) {
-    _first = first;
-    char* slot = slots + first * kSlotUnit;
+  /// The kind's slots begin at unit `first`.
+  void place(std::size_t first) noexcept { _first = first; }
+
+  /// Writes the slots where they were placed.
+  void writeSlots(const CodeNames& codes, char* slots) const {
+    char* slot = slots + _first * kSlotUnit;
     const std::size_t slotBytes = unitsPerSlot() * kSlotUnit;
     for (const CodeNames::Place& name : _numbers.names()) {
       // To a longer one no row refers.
@@ -82,9 +85,7 @@ MessageRows::MessageRows(const CodeNames& codes, const TuplePlaces& places) {
   }
   for (std::size_t i = 0; i < kNames; ++i) _longNames |= unsigned{kinds[i].isLong()} << i;
   makeSlots(codes, kinds);
-  chooseSize(places);
-  // At least a line more, so that the last name is followed by readable bytes too.
-  _rows.resize(places.count() * _rowBytes / sizeof(Line) + 2);
+  makeRows(places);
   inHalves(places.count(), TuplePlaces::kParallel,
            [&](std::size_t begin, std::size_t end) { write(codes, kinds, places, begin, end); });
 }
@@ -96,7 +97,6 @@ void MessageRows::makeSlots(const CodeNames& codes, Kinds& kinds) {
   std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
     return kinds[a].unitsNeeded() < kinds[b].unitsNeeded();
   });
-  _slots.resize(kSlotsLimit / sizeof(Line));
   std::size_t end = kLongSlotUnits;
   for (const std::size_t i : order) {
     // No slot straddles a cache line.
@@ -105,14 +105,16 @@ void MessageRows::makeSlots(const CodeNames& codes, Kinds& kinds) {
       _kindsInRows |= 1u << i;
       continue;
     }
-    kinds[i].makeSlots(codes, end, _slots.data()->bytes);
+    kinds[i].place(end);
     end += kinds[i].unitsNeeded();
   }
-  _slots.resize(end * kSlotUnit / sizeof(Line) + 1);
-  _slots.shrink_to_fit();
+  _slots = Rows(end / kLongSlotUnits + 1, kLongSlotUnits * kSlotUnit);
+  for (std::size_t i = 0; i < kNames; ++i) {
+    if ((_kindsInRows & 1u << i) == 0) kinds[i].writeSlots(codes, _slots[0]);
+  }
 }
 
-void MessageRows::chooseSize(const TuplePlaces& places) {
+void MessageRows::makeRows(const TuplePlaces& places) {
   RowSize size;
   for (std::size_t tuple = 0; tuple < places.count(); ++tuple) {
     if (hasTooLongName(places[tuple])) continue;
@@ -122,7 +124,7 @@ void MessageRows::chooseSize(const TuplePlaces& places) {
     }
     size.count(bytes);
   }
-  _rowBytes = size.choose().bytes;
+  _rows = Rows(places.count(), size.choose().bytes);
 }
 
 /// Of the tuples `begin` to `end` - 1.
@@ -134,7 +136,7 @@ void MessageRows::write(const CodeNames& codes, const Kinds& kinds, const TupleP
         if ((_kindsInRows & 1u << i) != 0) codes.prefetch(places[tuple + TuplePlaces::kAhead][i]);
       }
     }
-    writeRow(codes, kinds, places[tuple], _rows.data()->bytes + tuple * _rowBytes);
+    writeRow(codes, kinds, places[tuple], _rows[tuple]);
   }
 }
 
@@ -145,7 +147,7 @@ void MessageRows::writeRow(const CodeNames& codes, const Kinds& kinds,
   // Made aside of whole pieces, for whose copies the names' lengths need not be looked at.
   std::array<char, kNames * CodeNames::kReadableBytes> text;
   static_assert(kLongName < CodeNames::kReadableBytes);
-  const std::size_t room = _rowBytes - kReferencesBytes;
+  const std::size_t room = _rows.bytes() - kReferencesBytes;
   std::size_t end = 0;
   bool complete = !hasTooLongName(places);
   for (std::size_t i = 0; i < kNames && complete; ++i) {

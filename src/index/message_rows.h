@@ -1,13 +1,12 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
-#include "platform/huge_pages.h"
 #include "src/index/code_names.h"
+#include "src/index/rows.h"
 #include "src/index/tuple_places.h"
 
 namespace tolvar {
@@ -53,8 +52,8 @@ class MessageRows {
   MessageRows(const CodeNames& codes, const TuplePlaces& places);
 
   Row row(std::uint32_t tuple) const noexcept {
-    const char* const begin = _rows.data()->bytes + std::size_t{tuple} * _rowBytes;
-    return {begin, begin + _rowBytes - kReferencesBytes, _slots.data()->bytes, _kindsInRows};
+    const char* const begin = _rows[tuple];
+    return {begin, begin + _rows.bytes() - kReferencesBytes, _slots[0], _kindsInRows};
   }
 
   /// Whether the row has the names of its tuple; very few do not.
@@ -84,10 +83,6 @@ class MessageRows {
   class Kind;
   using Kinds = std::vector<Kind>;
 
-  struct alignas(64) Line {
-    char bytes[64];
-  };
-
   template <std::size_t kName>
   static std::uint32_t referenceOf(const Row& row) noexcept {
     std::uint16_t reference;
@@ -96,7 +91,7 @@ class MessageRows {
   }
 
   void makeSlots(const CodeNames& codes, Kinds& kinds);
-  void chooseSize(const TuplePlaces& places);
+  void makeRows(const TuplePlaces& places);
   void write(const CodeNames& codes, const Kinds& kinds, const TuplePlaces& places,
              std::size_t begin, std::size_t end);
   void writeRow(const CodeNames& codes, const Kinds& kinds, const TuplePlaces::Places& places,
@@ -104,9 +99,8 @@ class MessageRows {
 
   unsigned _longNames = 0;
   unsigned _kindsInRows = 0;  ///< bit i is set where the text of name i lies in the rows
-  std::size_t _rowBytes = 0;
-  std::vector<Line, qel::HugePageAllocator<Line>> _slots;
-  std::vector<Line, qel::HugePageAllocator<Line>> _rows;
+  Rows _slots;                ///< rows of the size of a long slot
+  Rows _rows;
 };
 
 }  // namespace tolvar

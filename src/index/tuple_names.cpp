@@ -26,21 +26,19 @@ TupleNames::TupleNames(const RangeIndex& ranges, std::shared_ptr<const CodeNames
 
 TupleNames::TupleNames(const TuplePlaces& places, std::shared_ptr<const CodeNames> codes)
     : _codes(std::move(codes)), _ends(places.count()), _messages(*_codes, places) {
-  chooseSize(places);
-  // At least a line more, so that the last name is followed by readable bytes too.
-  _rows.resize(places.count() * _rowBytes / sizeof(Line) + 2);
+  makeRows(places);
   inHalves(places.count(), TuplePlaces::kParallel,
            [&](std::size_t begin, std::size_t end) { write(places, begin, end); });
 }
 
-void TupleNames::chooseSize(const TuplePlaces& places) {
+void TupleNames::makeRows(const TuplePlaces& places) {
   RowSize size;
   for (std::size_t tuple = 0; tuple < places.count(); ++tuple) {
     const std::uint64_t text = textBytes(places[tuple]);
     size.count(text <= kMostText ? text : RowSize::kLargest + 1);
   }
   const RowSize::Choice choice = size.choose();
-  _rowBytes = choice.bytes;
+  _rows = Rows(places.count(), choice.bytes);
   // Rows show these by address, so they may not move.
   _apart.resize(choice.apart);
 }
@@ -50,7 +48,7 @@ void TupleNames::write(const TuplePlaces& places, std::size_t begin, std::size_t
   Views* apart = _apart.data();
   if (!_apart.empty()) {
     for (std::size_t tuple = 0; tuple < begin; ++tuple) {
-      if (isApart(places[tuple], _rowBytes)) ++apart;
+      if (isApart(places[tuple], _rows.bytes())) ++apart;
     }
   }
   for (std::size_t tuple = begin; tuple < end; ++tuple) {
@@ -58,8 +56,8 @@ void TupleNames::write(const TuplePlaces& places, std::size_t begin, std::size_t
       for (const CodeNames::Place place : places[tuple + TuplePlaces::kAhead])
         _codes->prefetch(place);
     }
-    char* const row = _rows.data()->bytes + tuple * _rowBytes;
-    if (!isApart(places[tuple], _rowBytes)) {
+    char* const row = _rows[tuple];
+    if (!isApart(places[tuple], _rows.bytes())) {
       _ends[tuple] = writeText(places[tuple], row);
       continue;
     }

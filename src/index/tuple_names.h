@@ -12,6 +12,7 @@
 #include "src/index/code_names.h"
 #include "src/index/message_rows.h"
 #include "src/index/range_index.h"
+#include "src/index/rows.h"
 #include "src/index/tuple_places.h"
 
 namespace tolvar {
@@ -38,8 +39,7 @@ class TupleNames {
   /// The names of `tuple`, a number below tupleCount(). Tuple 0 has nine empty ones. Valid as long
   /// as the object.
   IPNameView row(std::uint32_t tuple) const noexcept {
-    const char* const text = _rows.data()->bytes + std::size_t{tuple} * _rowBytes;
-    return IPNameView(text, _ends[tuple]);
+    return IPNameView(_rows[tuple], _ends[tuple]);
   }
 
   const MessageRows& messages() const noexcept { return _messages; }
@@ -47,22 +47,19 @@ class TupleNames {
   std::size_t tupleCount() const noexcept { return _ends.size(); }
 
  private:
-  struct alignas(64) Line {
-    char bytes[64];
-  };
-  static_assert(kReadableBytes <= sizeof(Line));
+  static_assert(kReadableBytes <= Rows::kReadableBytes);
+  static_assert(CodeNames::kNames == IPNameView::kNames);
 
   using Views = std::array<std::string_view, CodeNames::kNames>;
 
   TupleNames(const TuplePlaces& places, std::shared_ptr<const CodeNames> codes);
 
-  void chooseSize(const TuplePlaces& places);
+  void makeRows(const TuplePlaces& places);
   void write(const TuplePlaces& places, std::size_t begin, std::size_t end);
   IPNameView::Ends writeText(const TuplePlaces::Places& places, char* row) const;
 
   std::shared_ptr<const CodeNames> _codes;
-  std::size_t _rowBytes = 0;
-  std::vector<Line, qel::HugePageAllocator<Line>> _rows;
+  Rows _rows;
   std::vector<IPNameView::Ends, qel::HugePageAllocator<IPNameView::Ends>> _ends;
   std::vector<Views> _apart;  ///< names of the tuples whose text does not fit
   MessageRows _messages;
