@@ -60,11 +60,14 @@ extern constinit ProcessEpoch processEpoch;
 /// with much thread-local data of its own impossible to load at run time.
 extern constinit thread_local ReaderSlot threadSlot;
 
-/// Address of the calling thread's slot, found once: compilers would find it anew for each use, and
-/// in a shared library that is a call.
+/// Address of the calling thread's slot. In code for a shared library it is found once: compilers
+/// would find it anew for each use, and that is a call. In code for a program each use reaches the
+/// slot by itself, and an address would only take a register.
 inline ReaderSlot* ownSlot() noexcept {
   ReaderSlot* slot = &threadSlot;
+#if defined(__PIC__) && !defined(__PIE__)
   __asm__("" : "+r"(slot));
+#endif
   return slot;
 }
 
