@@ -44,7 +44,7 @@ class ImageHold {
 struct ClientInternals {
   using CodeMaps = std::unordered_map<std::uint64_t, ravel::CodeInfo>[8];
 
-  explicit ClientInternals(qel::Clock& time) : clock(time), tables(LookupSnapshot::empty()) {}
+  explicit ClientInternals(qel::Clock& time) : tables(LookupSnapshot::empty()), clock(time) {}
 
   // What lookups read is made in two steps, by the one thread that publishes: building may run out
   // of memory and changes nothing, publishing cannot fail. A third takes away what was replaced,
@@ -75,11 +75,11 @@ struct ClientInternals {
   /// The common end of the three publications.
   void replaceTables() noexcept;
 
-  qel::Clock& clock;
-
   /// What lookups read, never null. Published by the thread that publishes tables; read by any
-  /// thread.
+  /// thread. The first member, which a lookup reaches without adding to an address.
   SnapshotHolder<LookupSnapshot> tables;
+
+  qel::Clock& clock;
 
   /// Between the processes of the host: held while one publishes or starts, never during a remote
   /// call, never by a lookup.

@@ -3,10 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
 
-#include "platform/huge_pages.h"
 #include "records/records.h"
+#include "src/index/index_block.h"
 #include "src/index/range_lookup.h"
 
 namespace tolvar {
@@ -17,14 +16,16 @@ namespace tolvar {
 /// the number of the attribute tuple that holds from there on. Tuple 0 means "no range" and is all
 /// zeros. Distinct attribute tuples are stored once, as ready `IPInfo` records.
 ///
-///   words   65,536 pairs, one for each value of an address's upper 16 bits. The first word of a
-///           pair says where the next one to read is:
-///             number of the next word = (bits 5-31) + (low 16 address bits >> bits 0-4)
-///           which for most is the second word of the pair, in the same cache line. After the pairs
+/// All lies in one IndexBlock, words below its base and lines above:
+///
+///   words   told by negative numbers. The last 131,072 are pairs, one for each value of the upper
+///           16 bits of an address. The first word of a pair says where the next one to read is:
+///             number of the next word = (bits 5-31, signed) + (low 16 address bits >> bits 0-4)
+///           which for most is the second word of the pair, in the same cache line. Below the pairs
 ///           come the sub-directories of crowded buckets. All words but the first of a pair:
 ///             bit 4 = 0   leaf of n keys: n in bits 0-3, 8-byte unit of its place in bits 5-31
-///             bit 4 = 1   sub-directory of its own: number of the next word = (bits 5-31)
-///                         + (low 16 address bits >> bits 0-3), modulo 2^27
+///             bit 4 = 1   sub-directory of its own: number of the next word = (bits 5-31, signed)
+///                         + (low 16 address bits >> bits 0-3)
 ///   lines   of 64 bytes, first one for each tuple, then those with leaves.
 ///           Tuple: in byte 8 the leaf without keys for blocks that are all this tuple, from
 ///           byte 16 on its `IPInfo`.
@@ -49,7 +50,7 @@ class RangeIndex : public RangeLookup {
   /// `flable` are kept as their low 8 bits; `place` is split by truncating signed division.
   ///
   /// Takes linear time. Throws std::bad_alloc, and std::length_error when the index needs more than
-  /// 2^27 words, 2^24 attribute tuples or 1 GiB of leaves and tuples.
+  /// 2^26 words, 2^24 attribute tuples or 1 GiB of leaves and tuples.
   static RangeIndex build(std::span<const ravel::IPProperty> ranges);
 
   RangeIndex(RangeIndex&&) noexcept = default;
@@ -64,24 +65,17 @@ class RangeIndex : public RangeLookup {
   std::size_t tupleCount() const noexcept { return _tupleCount; }
 
   /// Lines of 64 bytes that hold leaves.
-  std::size_t leafLineCount() const noexcept { return _ownLines.size() - _tupleCount; }
+  std::size_t leafLineCount() const noexcept { return _block.lines() - _tupleCount; }
 
   /// Memory held, in bytes.
-  std::size_t memoryBytes() const noexcept {
-    return sizeof *this + _ownWords.capacity() * sizeof(std::uint32_t) +
-           _ownLines.capacity() * sizeof(Line);
-  }
+  std::size_t memoryBytes() const noexcept { return sizeof *this + _block.memoryBytes(); }
 
  private:
   friend class RangeIndexBuilder;
 
-  using Words = std::vector<std::uint32_t, qel::HugePageAllocator<std::uint32_t>>;
-  using Lines = std::vector<Line, qel::HugePageAllocator<Line>>;
-
   RangeIndex() = default;
 
-  Words _ownWords;  ///< what _words points at
-  Lines _ownLines;  ///< what _leaves and _infos point into
+  IndexBlock _block;  ///< what _base points into
   std::size_t _tupleCount = 0;
   std::size_t _rangeCount = 0;
 };

@@ -26,8 +26,8 @@ constexpr std::size_t kReadUnits = 3;
 /// Room for leaves to begin with. Most tables take between 6 and 8 bytes a range.
 constexpr std::size_t expectedLeafLines(std::size_t ranges) { return ranges / 8 + 1; }
 
-/// Room that is not needed stays when it is at most this part of what is.
-constexpr std::size_t kWorthACopy = 16;
+/// Room for the words of sub-directories to begin with.
+constexpr std::size_t expectedWords(std::size_t ranges) { return ranges / 4; }
 
 /// How many address bits a sub-directory over 2^bits addresses had best resolve for the sorted
 /// break points `keyAt(0)` to `keyAt(count - 1)`, counted from its start: the number with the
@@ -71,8 +71,6 @@ RangeIndex RangeIndex::build(std::span<const ravel::IPProperty> ranges) {
 
 RangeIndexBuilder::RangeIndexBuilder(std::span<const ravel::IPProperty> ranges) : _ranges(ranges) {
   _index._rangeCount = ranges.size();
-  _index._ownWords.reserve(RangeIndex::kDirectoryWords + ranges.size() / 4);
-  _index._ownWords.assign(RangeIndex::kDirectoryWords, 0);
 }
 
 RangeIndex RangeIndexBuilder::build() {
@@ -83,10 +81,8 @@ RangeIndex RangeIndexBuilder::build() {
   }
   if (_uncovered < kAddresses) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
   closeBucketsBefore(RangeIndex::kBuckets);
-  giveBackRoom();
-  _index._words = _index._ownWords.data();
-  _index._leaves = reinterpret_cast<const unsigned char*>(_index._ownLines.data());
-  _index._infos = _index._leaves + offsetof(Line, tuple.info);
+  _index._block.giveBackRoom();
+  _index._base = _index._block.base();
   return std::move(_index);
 }
 
@@ -96,10 +92,15 @@ void RangeIndexBuilder::addTuples(const TupleNumbers& tuples) {
     throw std::length_error("the IP table has too many distinct attribute tuples to index");
   }
   _index._tupleCount = count;
-  _index._ownLines.reserve(count + expectedLeafLines(_ranges.size()));
+  _index._block = IndexBlock(RangeIndex::kDirectoryWords + expectedWords(_ranges.size()),
+                             count + expectedLeafLines(_ranges.size()));
+  _index._block.addWords(RangeIndex::kDirectoryWords);
   for (std::size_t i = 0; i < count; ++i) {
     const auto number = static_cast<std::uint32_t>(i);
-    _index._ownLines.emplace_back().tuple = {0, number, 0, tuples.info(number)};
+    unsigned char* const line = _index._block.line(_index._block.addLine());
+    std::memcpy(line + RangeIndex::kTupleLeafAt, &number, kTupleBytes);
+    const ravel::IPInfo info = tuples.info(number);
+    std::memcpy(line + RangeIndex::kTupleInfoAt, &info, sizeof info);
   }
 }
 
@@ -110,13 +111,6 @@ void RangeIndexBuilder::add(const ravel::IPProperty& range, std::uint32_t tuple)
   if (start > _uncovered) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
   setFrom(static_cast<std::uint32_t>(start), tuple);
   _uncovered = std::uint64_t{range.endIP} + 1;
-}
-
-/// What was reserved and is not needed, where it is worth a copy.
-void RangeIndexBuilder::giveBackRoom() {
-  _index._ownWords.shrink_to_fit();
-  RangeIndex::Lines& lines = _index._ownLines;
-  if (lines.capacity() - lines.size() > lines.size() / kWorthACopy) lines.shrink_to_fit();
 }
 
 void RangeIndexBuilder::setFrom(std::uint32_t address, std::uint32_t tuple) {
@@ -143,14 +137,15 @@ void RangeIndexBuilder::closeBucketsBefore(std::uint32_t bucket) {
 /// Writes the pair of words of a bucket that begins with `tuple`.
 void RangeIndexBuilder::makeBucket(std::uint32_t bucket, std::uint32_t tuple, Breaks breaks) {
   const Block block{0, 16, tuple};
-  const std::uint32_t second = 2 * bucket + 1;
-  Directory directory{second, 16};
+  const std::ptrdiff_t first = RangeIndex::pairNumber(bucket);
+  Directory directory{first + 1, 16};
   if (breaks.size() <= RangeIndex::kLeafKeys) {
-    _index._ownWords[second] = makeNode(block, breaks);
+    const std::uint32_t word = makeNode(block, breaks);
+    _index._block.word(first + 1) = word;
   } else {
     directory = makeDirectory(block, breaks);
   }
-  _index._ownWords[2 * bucket] = directory.base << 5 | directory.shift;
+  _index._block.word(first) = directoryWord(directory);
 }
 
 /// Second word of `block`, which has `breaks` strictly inside.
@@ -159,9 +154,8 @@ std::uint32_t RangeIndexBuilder::makeNode(const Block& block, Breaks breaks) {
   if (breaks.size() <= RangeIndex::kLeafKeys) return makeLeaf(block.tuple, breaks);
   const Directory directory = makeDirectory(block, breaks);
   // Lookups shift the low address bits as a whole, so the base takes the block's start back.
-  const std::uint32_t base =
-      (directory.base - (block.start >> directory.shift)) & RangeIndex::kNumberMask;
-  return base << 5 | directory.shift | RangeIndex::kDirectoryBit;
+  const std::ptrdiff_t base = directory.base - (block.start >> directory.shift);
+  return directoryWord({base, directory.shift}) | RangeIndex::kDirectoryBit;
 }
 
 RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block, Breaks breaks) {
@@ -169,12 +163,12 @@ RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block
       breaks.size(), block.bits, RangeIndex::kLeafKeys,
       [&](std::size_t i) { return static_cast<std::uint32_t>(breaks[i].key) - block.start; });
   const std::uint32_t shift = block.bits - ownBits;
-  const std::size_t base = _index._ownWords.size();
   const std::size_t words = std::size_t{1} << ownBits;
-  if (base + words > RangeIndex::kNumberMask) {
+  // Words refer to places before their directories, up to one word for each address of a bucket.
+  if (_index._block.words() + words + RangeIndex::kBuckets > RangeIndex::kWordLimit) {
     throw std::length_error("the IP table has too many crowded address blocks to index");
   }
-  _index._ownWords.resize(base + words);
+  const std::ptrdiff_t base = _index._block.addWords(words);
   Block part{block.start, shift, block.tuple};
   std::size_t at = 0;
   for (std::size_t i = 0; i < words; ++i, part.start += 1u << shift) {
@@ -182,17 +176,16 @@ RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block
     std::size_t end = at;
     while (end < breaks.size() && (breaks[end].key - block.start) >> shift == i) ++end;
     const std::uint32_t word = makeNode(part, breaks.subspan(at, end - at));
-    _index._ownWords[base + i] = word;
+    _index._block.word(base + static_cast<std::ptrdiff_t>(i)) = word;
     if (end > at) part.tuple = breaks[end - 1].tuple;
     at = end;
   }
-  return {static_cast<std::uint32_t>(base), shift};
+  return {base, shift};
 }
 
 std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
   const std::size_t unit = placeLeaf(leafUnits(breaks.size()));
-  auto* out =
-      reinterpret_cast<unsigned char*>(_index._ownLines.data()) + unit * RangeIndex::kUnitBytes;
+  unsigned char* out = _index._block.base() + unit * RangeIndex::kUnitBytes;
   for (const Break& point : breaks) {
     const std::int16_t key = RangeIndex::keyOf(point.key);
     std::memcpy(out, &key, kKeyBytes);
@@ -206,9 +199,14 @@ std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
   return static_cast<std::uint32_t>(unit << 5 | breaks.size());
 }
 
+/// A word that leads to `directory`, whose base may lie before its first word.
+std::uint32_t RangeIndexBuilder::directoryWord(const Directory& directory) noexcept {
+  return static_cast<std::uint32_t>(directory.base) << 5 | directory.shift;
+}
+
 /// A leaf word of a block that is all one tuple: the leaf without keys in the tuple's line.
 std::uint32_t RangeIndexBuilder::uniformWord(std::uint32_t tuple) noexcept {
-  constexpr std::size_t kLeafUnit = offsetof(Line, tuple.number) / RangeIndex::kUnitBytes;
+  constexpr std::size_t kLeafUnit = RangeIndex::kTupleLeafAt / RangeIndex::kUnitBytes;
   return static_cast<std::uint32_t>(tuple * kLineUnits + kLeafUnit) << 5;
 }
 
@@ -222,11 +220,10 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
     std::memcpy(&_open[room], linkOf(line), sizeof line);
   } else {
     room = kLineUnits;
-    if ((_index._ownLines.size() + 1) * kLineUnits > RangeIndex::kNumberMask) {
+    if ((_index._block.lines() + 1) * kLineUnits > RangeIndex::kUnitLimit) {
       throw std::length_error("the IP table has too many ranges and attribute tuples to index");
     }
-    line = static_cast<std::uint32_t>(_index._ownLines.size());
-    _index._ownLines.emplace_back();
+    line = static_cast<std::uint32_t>(_index._block.addLine());
   }
   const std::size_t left = room - units;
   if (left >= kReadUnits) {
@@ -238,7 +235,7 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
 
 /// Where a line with room left, whose end is therefore free, says which the next such line is.
 unsigned char* RangeIndexBuilder::linkOf(std::uint32_t line) noexcept {
-  return _index._ownLines[line].bytes + RangeIndex::kLineBytes - sizeof line;
+  return _index._block.line(line) + RangeIndex::kLineBytes - sizeof line;
 }
 
 }  // namespace tolvar

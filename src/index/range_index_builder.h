@@ -23,8 +23,6 @@ class RangeIndexBuilder {
   RangeIndex build();
 
  private:
-  using Line = RangeIndex::Line;
-
   /// An address's low 16 bits and the tuple that holds from there on.
   struct Break {
     std::uint16_t key;
@@ -41,7 +39,7 @@ class RangeIndexBuilder {
 
   /// Where the words of a sub-directory begin, and by how much addresses are shifted to choose one.
   struct Directory {
-    std::uint32_t base;
+    std::ptrdiff_t base;
     std::uint32_t shift;
   };
 
@@ -56,8 +54,8 @@ class RangeIndexBuilder {
   std::uint32_t makeLeaf(std::uint32_t first, Breaks breaks);
   std::size_t placeLeaf(std::size_t units);
   unsigned char* linkOf(std::uint32_t line) noexcept;
-  void giveBackRoom();
 
+  static std::uint32_t directoryWord(const Directory& directory) noexcept;
   static std::uint32_t uniformWord(std::uint32_t tuple) noexcept;
 
   static constexpr std::size_t kLineUnits = RangeIndex::kLineBytes / RangeIndex::kUnitBytes;

@@ -30,12 +30,12 @@ std::size_t RangeLookup::findBatch(std::span<const std::uint32_t> ips, ravel::IP
 inline std::size_t RangeLookup::findGroup(std::span<const std::uint32_t> ips, ravel::IPInfo* infos,
                                           std::uint8_t* found) const noexcept {
   const std::size_t count = ips.size();
-  std::array<std::uint32_t, kGroup> numbers;
+  std::array<std::int32_t, kGroup> numbers;
 #pragma GCC unroll 4
   for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t number = secondWordNumber(ips[i]);
-    numbers[i] = static_cast<std::uint32_t>(number);
-    prefetch(&_words[number]);
+    const std::ptrdiff_t number = secondWordNumber(ips[i]);
+    numbers[i] = static_cast<std::int32_t>(number);
+    prefetch(wordAt(number));
   }
   std::array<std::uint32_t, kGroup> words;
 #pragma GCC unroll 4
@@ -46,7 +46,7 @@ inline std::size_t RangeLookup::findGroup(std::span<const std::uint32_t> ips, ra
   std::array<std::uint32_t, kGroup> offsets;
 #pragma GCC unroll 2
   for (std::size_t i = 0; i < count; ++i) {
-    offsets[i] = infoOffset(searchLeaf(words[i], ips[i] & 0xFFFFu));
+    offsets[i] = static_cast<std::uint32_t>(infoOffset(searchLeaf(words[i], ips[i] & 0xFFFFu)));
     prefetch(infoAt(offsets[i]));
   }
 #pragma GCC unroll 4

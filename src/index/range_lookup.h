@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <span>
 
 // TOLVAR_PORTABLE_INDEX keeps to the portable path where there is a faster one; for its tests.
@@ -13,10 +14,11 @@
 #endif
 
 #include "records/records.h"
+#include "src/index/index_block.h"
 
 namespace tolvar {
 
-/// What a lookup reads of a RangeIndex, and how: where its parts lie in memory. A copy is cheap and
+/// What a lookup reads of a RangeIndex, and how: where it lies in memory. A copy is cheap and
 /// spares a lookup the way over the index; it is valid as long as the index it was copied from. See
 /// RangeIndex for the layout.
 ///
@@ -45,7 +47,7 @@ class RangeLookup {
   /// Copies the attributes of the range that contains `ip` (host order) to `info` and answers true;
   /// on a miss answers false and leaves `info` as it is.
   bool lookup(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
-    const std::uint32_t offset = infoOffset(searchLeaf(leafWord(ip), ip & 0xFFFFu));
+    const std::size_t offset = infoOffset(searchLeaf(leafWord(ip), ip & 0xFFFFu));
     const ravel::IPInfo* source = infoAt(offset);
     if (offset == 0) [[unlikely]]
       source = info;
@@ -63,36 +65,32 @@ class RangeLookup {
   RangeLookup() = default;
 
   static constexpr std::uint32_t kBuckets = 1u << 16;
-  static constexpr std::uint32_t kDirectoryWords = 2 * kBuckets;
-  static constexpr std::uint32_t kNumberMask = (1u << 27) - 1;
+  static constexpr std::ptrdiff_t kDirectoryWords = 2 * kBuckets;
+  static constexpr std::ptrdiff_t kWordLimit = std::ptrdiff_t{1} << 26;
+  static constexpr std::size_t kUnitLimit = std::size_t{1} << 27;
   static constexpr std::uint32_t kDirectoryBit = 1u << 4;
   static constexpr std::uint32_t kTupleLimit = 1u << 24;
   static constexpr std::uint32_t kLeafKeys = 12;
-  static constexpr std::size_t kLineBytes = 64;
+  static constexpr std::size_t kLineBytes = IndexBlock::kLineBytes;
   static constexpr std::size_t kUnitBytes = 8;
+  static constexpr std::size_t kTupleLeafAt = 8;    ///< leaf without keys in a tuple's line
+  static constexpr std::size_t kTupleInfoAt = 16;   ///< IPInfo in a tuple's line
   static constexpr std::uint32_t kNumberShift = 8;  ///< see searchLeaf
-
-  union alignas(kLineBytes) Line {
-    unsigned char bytes[kLineBytes];
-    struct {
-      std::uint64_t unused;
-      std::uint32_t number;
-      std::uint32_t unusedToo;
-      ravel::IPInfo info;
-    } tuple;
-
-    Line() noexcept : bytes{} {}
-  };
+  static_assert(kTupleInfoAt + sizeof(ravel::IPInfo) <= kLineBytes);
   static_assert(std::endian::native == std::endian::little);
+
+  /// Number of the first word of a bucket's pair.
+  static constexpr std::ptrdiff_t pairNumber(std::uint32_t bucket) noexcept {
+    return 2 * std::ptrdiff_t{bucket} - kDirectoryWords;
+  }
 
   /// Low 16 address bits in the form of keys: signed, because that is how SSE2 compares.
   static std::int16_t keyOf(std::uint32_t low) noexcept {
     return static_cast<std::int16_t>(static_cast<std::int32_t>(low) - 0x8000);
   }
 
-  const std::uint32_t* _words = nullptr;
-  const unsigned char* _leaves = nullptr;
-  const unsigned char* _infos = nullptr;  ///< the IPInfo of tuple 0; the others follow line by line
+  /// Words lie below it, lines above. It is all that a lookup has to load before the first word.
+  const unsigned char* _base = nullptr;
 
  private:
   /// findBatch for no more addresses than are under way together.
@@ -101,29 +99,36 @@ class RangeLookup {
 
   /// Where the attributes of what searchLeaf found lie, in bytes: the number times the size of a
   /// line, without shifting it down first. 0 when no range was found.
-  static std::uint32_t infoOffset(std::uint32_t leafEntry) noexcept {
+  static std::size_t infoOffset(std::uint32_t leafEntry) noexcept {
     static_assert(kNumberShift == 8 && kLineBytes == 1u << 6);
-    return leafEntry >> 2 & ~std::uint32_t{kLineBytes - 1};
+    return std::size_t{leafEntry} >> 2 & ~(kLineBytes - 1);
   }
 
   const ravel::IPInfo* infoAt(std::size_t offset) const noexcept {
-    return reinterpret_cast<const ravel::IPInfo*>(_infos + offset);
+    return reinterpret_cast<const ravel::IPInfo*>(_base + offset + kTupleInfoAt);
+  }
+
+  const std::int32_t* wordAt(std::ptrdiff_t number) const noexcept {
+    return reinterpret_cast<const std::int32_t*>(_base) + number;
   }
 
   /// Of 64 bits, as all that addresses memory here: a sum of 32 would have to be cut off first.
-  std::size_t secondWordNumber(std::uint32_t ip) const noexcept {
-    const std::uint32_t word = _words[2 * std::size_t{ip >> 16}];
-    return std::size_t{word >> 5} + ((ip & 0xFFFFu) >> (word & 31u));
+  std::ptrdiff_t secondWordNumber(std::uint32_t ip) const noexcept {
+    // Written so that compilers make the distance of the pairs from the base part of the access.
+    const unsigned char* const pairs = _base - kDirectoryWords * sizeof(std::int32_t);
+    const std::ptrdiff_t word =
+        reinterpret_cast<const std::int32_t*>(pairs)[2 * std::size_t{ip >> 16}];
+    return (word >> 5) + static_cast<std::ptrdiff_t>((ip & 0xFFFFu) >> (word & 31));
   }
 
   /// The leaf word that second word `number` is or leads to for the low 16 bits of an address.
   /// Nearly always it is one; a leaf behind each second word would take too much memory.
-  std::uint32_t resolve(std::size_t number, std::uint32_t low) const noexcept {
-    std::uint32_t word = _words[number];
+  std::uint32_t resolve(std::ptrdiff_t number, std::uint32_t low) const noexcept {
+    std::int32_t word = *wordAt(number);
     while ((word & kDirectoryBit) != 0) [[unlikely]] {
-        word = _words[((word >> 5) + (low >> (word & 15u))) & kNumberMask];
+        word = *wordAt((word >> 5) + static_cast<std::int32_t>(low >> (word & 15)));
       }
-    return word;
+    return static_cast<std::uint32_t>(word);
   }
 
   std::uint32_t leafWord(std::uint32_t ip) const noexcept {
@@ -131,14 +136,16 @@ class RangeLookup {
   }
 
   const unsigned char* leafOf(std::uint32_t word) const noexcept {
-    return _leaves + std::size_t{word >> 5} * kUnitBytes;
+    return _base + std::size_t{word >> 5} * kUnitBytes;
   }
 
   /// Number of keys at `leaf` that are not above `low`, of `keys` (0 to 12) sorted ones.
   static std::uint32_t countKeys(const unsigned char* leaf, std::uint32_t keys,
                                  std::uint32_t low) noexcept {
 #ifdef TOLVAR_INDEX_SSE2
-    const __m128i key = _mm_set1_epi16(keyOf(low));
+    // What keyOf does, but among the vectors: of general registers a lookup keeps as few as it can.
+    const __m128i key = _mm_xor_si128(_mm_set1_epi16(static_cast<std::int16_t>(low)),
+                                      _mm_set1_epi16(std::numeric_limits<std::int16_t>::min()));
     const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(leaf));
     const __m128i last = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(leaf + sizeof first));
     const __m128i above = _mm_packs_epi16(_mm_cmpgt_epi16(first, key), _mm_cmpgt_epi16(last, key));
