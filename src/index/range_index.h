@@ -16,15 +16,13 @@ namespace tolvar {
 /// the number of the attribute tuple that holds from there on. Tuple 0 means "no range" and is all
 /// zeros. Distinct attribute tuples are stored once, as ready `IPInfo` records.
 ///
-/// All lies in one IndexBlock, words below its base and lines above:
+/// All lies in one IndexBlock. Words and leaves are told by their distance from the directory,
+/// which is what the words next to the block's base are:
 ///
-///   words   told by negative numbers. The last 131,072 are pairs, one for each value of the upper
-///           16 bits of an address. The first word of a pair says where the next one to read is:
-///             number of the next word = (bits 5-31, signed) + (low 16 address bits >> bits 0-4)
-///           which for most is the second word of the pair, in the same cache line. Below the pairs
-///           come the sub-directories of crowded buckets. All words but the first of a pair:
+///   words   first the directory, 65,536 words, one for each value of the upper 16 bits of an
+///           address. Below it, with negative numbers, come the sub-directories of crowded buckets.
 ///             bit 4 = 0   leaf of n keys: n in bits 0-3, 8-byte unit of its place in bits 5-31
-///             bit 4 = 1   sub-directory of its own: number of the next word = (bits 5-31, signed)
+///             bit 4 = 1   sub-directory: number of the next word to read = (bits 5-31, signed)
 ///                         + (low 16 address bits >> bits 0-3)
 ///   lines   of 64 bytes, first one for each tuple, then those with leaves.
 ///           Tuple: in byte 8 the leaf without keys for blocks that are all this tuple, from
@@ -50,7 +48,7 @@ class RangeIndex : public RangeLookup {
   /// `flable` are kept as their low 8 bits; `place` is split by truncating signed division.
   ///
   /// Takes linear time. Throws std::bad_alloc, and std::length_error when the index needs more than
-  /// 2^26 words, 2^24 attribute tuples or 1 GiB of leaves and tuples.
+  /// 2^26 words or 1 GiB of directory, tuples and leaves.
   static RangeIndex build(std::span<const ravel::IPProperty> ranges);
 
   RangeIndex(RangeIndex&&) noexcept = default;

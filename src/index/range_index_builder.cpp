@@ -82,19 +82,19 @@ RangeIndex RangeIndexBuilder::build() {
   if (_uncovered < kAddresses) setFrom(static_cast<std::uint32_t>(_uncovered), 0);
   closeBucketsBefore(RangeIndex::kBuckets);
   _index._block.giveBackRoom();
-  _index._base = _index._block.base();
+  _index._base = _index._block.base() - RangeIndex::kDirectoryBytes;
   return std::move(_index);
 }
 
 void RangeIndexBuilder::addTuples(const TupleNumbers& tuples) {
   const std::size_t count = tuples.count();
-  if (count > RangeIndex::kTupleLimit) {
+  if (count > RangeIndex::kLineLimit) {
     throw std::length_error("the IP table has too many distinct attribute tuples to index");
   }
   _index._tupleCount = count;
-  _index._block = IndexBlock(RangeIndex::kDirectoryWords + expectedWords(_ranges.size()),
+  _index._block = IndexBlock(RangeIndex::kBuckets + expectedWords(_ranges.size()),
                              count + expectedLeafLines(_ranges.size()));
-  _index._block.addWords(RangeIndex::kDirectoryWords);
+  _index._block.addWords(RangeIndex::kBuckets);
   for (std::size_t i = 0; i < count; ++i) {
     const auto number = static_cast<std::uint32_t>(i);
     unsigned char* const line = _index._block.line(_index._block.addLine());
@@ -134,53 +134,48 @@ void RangeIndexBuilder::closeBucketsBefore(std::uint32_t bucket) {
   _breaks.clear();
 }
 
-/// Writes the pair of words of a bucket that begins with `tuple`.
+/// Writes the word of a bucket that begins with `tuple`.
 void RangeIndexBuilder::makeBucket(std::uint32_t bucket, std::uint32_t tuple, Breaks breaks) {
-  const Block block{0, 16, tuple};
-  const std::ptrdiff_t first = RangeIndex::pairNumber(bucket);
-  Directory directory{first + 1, 16};
-  if (breaks.size() <= RangeIndex::kLeafKeys) {
-    const std::uint32_t word = makeNode(block, breaks);
-    _index._block.word(first + 1) = word;
-  } else {
-    directory = makeDirectory(block, breaks);
-  }
-  _index._block.word(first) = directoryWord(directory);
+  const std::uint32_t made = makeNode({0, 16, tuple}, breaks);
+  word(bucket) = made;
 }
 
-/// Second word of `block`, which has `breaks` strictly inside.
+std::uint32_t& RangeIndexBuilder::word(std::ptrdiff_t number) noexcept {
+  return _index._block.word(number - std::ptrdiff_t{RangeIndex::kBuckets});
+}
+
+/// Word of `block`, which has `breaks` strictly inside.
 std::uint32_t RangeIndexBuilder::makeNode(const Block& block, Breaks breaks) {
   if (breaks.empty()) return uniformWord(block.tuple);
   if (breaks.size() <= RangeIndex::kLeafKeys) return makeLeaf(block.tuple, breaks);
-  const Directory directory = makeDirectory(block, breaks);
-  // Lookups shift the low address bits as a whole, so the base takes the block's start back.
-  const std::ptrdiff_t base = directory.base - (block.start >> directory.shift);
-  return directoryWord({base, directory.shift}) | RangeIndex::kDirectoryBit;
+  return makeDirectory(block, breaks);
 }
 
-RangeIndexBuilder::Directory RangeIndexBuilder::makeDirectory(const Block& block, Breaks breaks) {
+std::uint32_t RangeIndexBuilder::makeDirectory(const Block& block, Breaks breaks) {
   const std::uint32_t ownBits = directoryBits(
       breaks.size(), block.bits, RangeIndex::kLeafKeys,
       [&](std::size_t i) { return static_cast<std::uint32_t>(breaks[i].key) - block.start; });
   const std::uint32_t shift = block.bits - ownBits;
   const std::size_t words = std::size_t{1} << ownBits;
-  // Words refer to places before their directories, up to one word for each address of a bucket.
+  // A word may refer to a place before its directory, by up to a word for each address of a bucket.
   if (_index._block.words() + words + RangeIndex::kBuckets > RangeIndex::kWordLimit) {
     throw std::length_error("the IP table has too many crowded address blocks to index");
   }
-  const std::ptrdiff_t base = _index._block.addWords(words);
+  const std::ptrdiff_t first = _index._block.addWords(words) + std::ptrdiff_t{RangeIndex::kBuckets};
   Block part{block.start, shift, block.tuple};
   std::size_t at = 0;
   for (std::size_t i = 0; i < words; ++i, part.start += 1u << shift) {
     if (at < breaks.size() && breaks[at].key == part.start) part.tuple = breaks[at++].tuple;
     std::size_t end = at;
     while (end < breaks.size() && (breaks[end].key - block.start) >> shift == i) ++end;
-    const std::uint32_t word = makeNode(part, breaks.subspan(at, end - at));
-    _index._block.word(base + static_cast<std::ptrdiff_t>(i)) = word;
+    const std::uint32_t made = makeNode(part, breaks.subspan(at, end - at));
+    word(first + static_cast<std::ptrdiff_t>(i)) = made;
     if (end > at) part.tuple = breaks[end - 1].tuple;
     at = end;
   }
-  return {base, shift};
+  // Lookups shift the low address bits as a whole, so the word takes the block's start back.
+  const std::ptrdiff_t base = first - std::ptrdiff_t{block.start >> shift};
+  return static_cast<std::uint32_t>(base) << 5 | RangeIndex::kDirectoryBit | shift;
 }
 
 std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
@@ -196,18 +191,18 @@ std::uint32_t RangeIndexBuilder::makeLeaf(std::uint32_t first, Breaks breaks) {
     out += kTupleBytes;
     std::memcpy(out, &point.tuple, kTupleBytes);
   }
-  return static_cast<std::uint32_t>(unit << 5 | breaks.size());
+  return leafWord(unit, breaks.size());
 }
 
-/// A word that leads to `directory`, whose base may lie before its first word.
-std::uint32_t RangeIndexBuilder::directoryWord(const Directory& directory) noexcept {
-  return static_cast<std::uint32_t>(directory.base) << 5 | directory.shift;
+/// A word that leads to the leaf of `keys` keys at `unit` units from the first line.
+std::uint32_t RangeIndexBuilder::leafWord(std::size_t unit, std::size_t keys) noexcept {
+  constexpr std::size_t kLines = RangeIndex::kDirectoryBytes / RangeIndex::kUnitBytes;
+  return static_cast<std::uint32_t>((kLines + unit) << 5 | keys);
 }
 
-/// A leaf word of a block that is all one tuple: the leaf without keys in the tuple's line.
+/// The word of a block that is all one tuple: it leads to the leaf without keys in that one's line.
 std::uint32_t RangeIndexBuilder::uniformWord(std::uint32_t tuple) noexcept {
-  constexpr std::size_t kLeafUnit = RangeIndex::kTupleLeafAt / RangeIndex::kUnitBytes;
-  return static_cast<std::uint32_t>(tuple * kLineUnits + kLeafUnit) << 5;
+  return leafWord(tuple * kLineUnits + RangeIndex::kTupleLeafAt / RangeIndex::kUnitBytes, 0);
 }
 
 /// Finds room for a leaf of `units` 8-byte units inside one line; answers its unit number.
@@ -220,7 +215,7 @@ std::size_t RangeIndexBuilder::placeLeaf(std::size_t units) {
     std::memcpy(&_open[room], linkOf(line), sizeof line);
   } else {
     room = kLineUnits;
-    if ((_index._block.lines() + 1) * kLineUnits > RangeIndex::kUnitLimit) {
+    if (_index._block.lines() == RangeIndex::kLineLimit) {
       throw std::length_error("the IP table has too many ranges and attribute tuples to index");
     }
     line = static_cast<std::uint32_t>(_index._block.addLine());

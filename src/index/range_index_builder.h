@@ -37,25 +37,20 @@ class RangeIndexBuilder {
     std::uint32_t tuple;
   };
 
-  /// Where the words of a sub-directory begin, and by how much addresses are shifted to choose one.
-  struct Directory {
-    std::ptrdiff_t base;
-    std::uint32_t shift;
-  };
-
   void addTuples(const TupleNumbers& tuples);
   void add(const ravel::IPProperty& range, std::uint32_t tuple);
   void setFrom(std::uint32_t address, std::uint32_t tuple);
   void closeBucketsBefore(std::uint32_t bucket);
 
   void makeBucket(std::uint32_t bucket, std::uint32_t tuple, Breaks breaks);
+  std::uint32_t& word(std::ptrdiff_t number) noexcept;
   std::uint32_t makeNode(const Block& block, Breaks breaks);
-  Directory makeDirectory(const Block& block, Breaks breaks);
+  std::uint32_t makeDirectory(const Block& block, Breaks breaks);
   std::uint32_t makeLeaf(std::uint32_t first, Breaks breaks);
   std::size_t placeLeaf(std::size_t units);
   unsigned char* linkOf(std::uint32_t line) noexcept;
 
-  static std::uint32_t directoryWord(const Directory& directory) noexcept;
+  static std::uint32_t leafWord(std::size_t unit, std::size_t keys) noexcept;
   static std::uint32_t uniformWord(std::uint32_t tuple) noexcept;
 
   static constexpr std::size_t kLineUnits = RangeIndex::kLineBytes / RangeIndex::kUnitBytes;

@@ -40,13 +40,13 @@ inline std::size_t RangeLookup::findGroup(std::span<const std::uint32_t> ips, ra
   std::array<std::uint32_t, kGroup> words;
 #pragma GCC unroll 4
   for (std::size_t i = 0; i < count; ++i) {
-    words[i] = resolve(numbers[i], ips[i] & 0xFFFFu);
+    words[i] = resolve(numbers[i], ips[i]);
     prefetch(leafOf(words[i]));
   }
   std::array<std::uint32_t, kGroup> offsets;
 #pragma GCC unroll 2
   for (std::size_t i = 0; i < count; ++i) {
-    offsets[i] = static_cast<std::uint32_t>(infoOffset(searchLeaf(words[i], ips[i] & 0xFFFFu)));
+    offsets[i] = static_cast<std::uint32_t>(infoOffset(searchLeaf(words[i], ips[i])));
     prefetch(infoAt(offsets[i]));
   }
 #pragma GCC unroll 4

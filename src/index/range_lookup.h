@@ -28,7 +28,7 @@ class RangeLookup {
  public:
   /// Number of the attribute tuple of the range that contains `ip` (host order); 0 when none does.
   std::uint32_t findTuple(std::uint32_t ip) const noexcept {
-    return searchLeaf(leafWord(ip), ip & 0xFFFFu) >> kNumberShift;
+    return searchLeaf(leafWord(ip), ip) >> kNumberShift;
   }
 
   /// Attributes of a tuple; `tuple` is below tupleCount(). Tuple 0 is all zeros. Valid as long as
@@ -47,7 +47,7 @@ class RangeLookup {
   /// Copies the attributes of the range that contains `ip` (host order) to `info` and answers true;
   /// on a miss answers false and leaves `info` as it is.
   bool lookup(std::uint32_t ip, ravel::IPInfo* info) const noexcept {
-    const std::size_t offset = infoOffset(searchLeaf(leafWord(ip), ip & 0xFFFFu));
+    const std::size_t offset = infoOffset(searchLeaf(leafWord(ip), ip));
     const ravel::IPInfo* source = infoAt(offset);
     if (offset == 0) [[unlikely]]
       source = info;
@@ -65,31 +65,28 @@ class RangeLookup {
   RangeLookup() = default;
 
   static constexpr std::uint32_t kBuckets = 1u << 16;
-  static constexpr std::ptrdiff_t kDirectoryWords = 2 * kBuckets;
-  static constexpr std::ptrdiff_t kWordLimit = std::ptrdiff_t{1} << 26;
-  static constexpr std::size_t kUnitLimit = std::size_t{1} << 27;
+  static constexpr std::size_t kDirectoryBytes = kBuckets * sizeof(std::uint32_t);
+  static constexpr std::size_t kWordLimit = std::size_t{1} << 26;
   static constexpr std::uint32_t kDirectoryBit = 1u << 4;
-  static constexpr std::uint32_t kTupleLimit = 1u << 24;
   static constexpr std::uint32_t kLeafKeys = 12;
   static constexpr std::size_t kLineBytes = IndexBlock::kLineBytes;
   static constexpr std::size_t kUnitBytes = 8;
+  /// What the 27 bits of a leaf's place reach; 24 bits tell any of so few tuples.
+  static constexpr std::size_t kLineLimit =
+      ((kUnitBytes << 27) - kDirectoryBytes) / IndexBlock::kLineBytes;
   static constexpr std::size_t kTupleLeafAt = 8;    ///< leaf without keys in a tuple's line
   static constexpr std::size_t kTupleInfoAt = 16;   ///< IPInfo in a tuple's line
   static constexpr std::uint32_t kNumberShift = 8;  ///< see searchLeaf
   static_assert(kTupleInfoAt + sizeof(ravel::IPInfo) <= kLineBytes);
   static_assert(std::endian::native == std::endian::little);
 
-  /// Number of the first word of a bucket's pair.
-  static constexpr std::ptrdiff_t pairNumber(std::uint32_t bucket) noexcept {
-    return 2 * std::ptrdiff_t{bucket} - kDirectoryWords;
-  }
-
   /// Low 16 address bits in the form of keys: signed, because that is how SSE2 compares.
-  static std::int16_t keyOf(std::uint32_t low) noexcept {
-    return static_cast<std::int16_t>(static_cast<std::int32_t>(low) - 0x8000);
+  static std::int16_t keyOf(std::uint32_t ip) noexcept {
+    return static_cast<std::int16_t>(ip ^ 0x8000u);
   }
 
-  /// Words lie below it, lines above. It is all that a lookup has to load before the first word.
+  /// Where the directory begins: sub-directories lie below it, lines behind the directory. It is
+  /// all that a lookup has to load before the first word.
   const unsigned char* _base = nullptr;
 
  private:
@@ -105,46 +102,62 @@ class RangeLookup {
   }
 
   const ravel::IPInfo* infoAt(std::size_t offset) const noexcept {
-    return reinterpret_cast<const ravel::IPInfo*>(_base + offset + kTupleInfoAt);
+    return reinterpret_cast<const ravel::IPInfo*>(_base + offset + kDirectoryBytes + kTupleInfoAt);
   }
 
   const std::int32_t* wordAt(std::ptrdiff_t number) const noexcept {
     return reinterpret_cast<const std::int32_t*>(_base) + number;
   }
 
-  /// Of 64 bits, as all that addresses memory here: a sum of 32 would have to be cut off first.
-  std::ptrdiff_t secondWordNumber(std::uint32_t ip) const noexcept {
-    // Written so that compilers make the distance of the pairs from the base part of the access.
-    const unsigned char* const pairs = _base - kDirectoryWords * sizeof(std::int32_t);
-    const std::ptrdiff_t word =
-        reinterpret_cast<const std::int32_t*>(pairs)[2 * std::size_t{ip >> 16}];
-    return (word >> 5) + static_cast<std::ptrdiff_t>((ip & 0xFFFFu) >> (word & 31));
+  /// Where word `word` leads for `ip`, provided that it leads to a sub-directory. Its shift is
+  /// meant for the low 16 address bits and reaches them with bit 4, the flag, as 16 more, so that
+  /// nothing has to be cut off. Of 64 bits, as all that addresses memory here: a sum of 32 would
+  /// have to be extended first.
+  static std::ptrdiff_t nextNumber(std::ptrdiff_t word, std::uint32_t ip) noexcept {
+    static_assert(kDirectoryBit == 16);
+    return (word >> 5) + static_cast<std::ptrdiff_t>(ip << 16 >> (word & 31));
   }
 
-  /// The leaf word that second word `number` is or leads to for the low 16 bits of an address.
-  /// Nearly always it is one; a leaf behind each second word would take too much memory.
-  std::uint32_t resolve(std::ptrdiff_t number, std::uint32_t low) const noexcept {
+  /// The second word to read: one of a sub-directory, or where the directory has a leaf the same
+  /// once more. That costs less than a branch which no processor can foresee.
+  std::ptrdiff_t secondWordNumber(std::uint32_t ip) const noexcept {
+    const std::ptrdiff_t bucket = ip >> 16;
+    const std::ptrdiff_t word = *wordAt(bucket);
+    std::ptrdiff_t number = nextNumber(word, ip);
+#ifdef TOLVAR_INDEX_SSE2
+    // Compilers know that the directory's word was read already, and would make it a branch.
+    __asm__("testl %2, %k1\n\tcmovzq %3, %0"
+            : "+r"(number)
+            : "r"(word), "i"(kDirectoryBit), "r"(bucket)
+            : "cc");
+#else
+    if ((word & kDirectoryBit) == 0) number = bucket;
+#endif
+    return number;
+  }
+
+  /// The leaf word that second word `number` is or leads to for `ip`. Nearly always it is one; a
+  /// leaf behind each second word would take too much memory.
+  std::uint32_t resolve(std::ptrdiff_t number, std::uint32_t ip) const noexcept {
     std::int32_t word = *wordAt(number);
-    while ((word & kDirectoryBit) != 0) [[unlikely]] {
-        word = *wordAt((word >> 5) + static_cast<std::int32_t>(low >> (word & 15)));
-      }
+    while ((word & kDirectoryBit) != 0) [[unlikely]] word = *wordAt(nextNumber(word, ip));
     return static_cast<std::uint32_t>(word);
   }
 
   std::uint32_t leafWord(std::uint32_t ip) const noexcept {
-    return resolve(secondWordNumber(ip), ip & 0xFFFFu);
+    return resolve(secondWordNumber(ip), ip);
   }
 
   const unsigned char* leafOf(std::uint32_t word) const noexcept {
     return _base + std::size_t{word >> 5} * kUnitBytes;
   }
 
-  /// Number of keys at `leaf` that are not above `low`, of `keys` (0 to 12) sorted ones.
-  static std::uint32_t countKeys(const unsigned char* leaf, std::uint32_t keys,
-                                 std::uint32_t low) noexcept {
+  /// Number of keys at `leaf` that are not above that of `ip`, of `keys` (0 to 12) sorted ones.
+  static std::uint32_t countKeys(const unsigned char* leaf, std::size_t keys,
+                                 std::uint32_t ip) noexcept {
 #ifdef TOLVAR_INDEX_SSE2
     // What keyOf does, but among the vectors: of general registers a lookup keeps as few as it can.
-    const __m128i key = _mm_xor_si128(_mm_set1_epi16(static_cast<std::int16_t>(low)),
+    const __m128i key = _mm_xor_si128(_mm_set1_epi16(static_cast<std::int16_t>(ip)),
                                       _mm_set1_epi16(std::numeric_limits<std::int16_t>::min()));
     const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(leaf));
     const __m128i last = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(leaf + sizeof first));
@@ -154,10 +167,10 @@ class RangeLookup {
     return static_cast<std::uint32_t>(std::countr_zero(bits | (1u << keys)));
 #else
     std::uint32_t count = 0;
-    for (std::uint32_t i = 0; i < keys; ++i) {
+    for (std::size_t i = 0; i < keys; ++i) {
       std::int16_t key;
       std::memcpy(&key, leaf + 2 * i, sizeof key);
-      count += key <= keyOf(low) ? 1 : 0;
+      count += key <= keyOf(ip) ? 1 : 0;
     }
     return count;
 #endif
@@ -165,12 +178,13 @@ class RangeLookup {
 
   /// The tuple's number in the upper 24 bits, something else below: it is read with the byte before
   /// it, which is always one of the line.
-  std::uint32_t searchLeaf(std::uint32_t word, std::uint32_t low) const noexcept {
-    const std::uint32_t keys = word & 31u;
+  std::uint32_t searchLeaf(std::uint32_t word, std::uint32_t ip) const noexcept {
+    const std::size_t keys = word & 31u;
     const unsigned char* const leaf = leafOf(word);
-    const std::uint32_t at = 2 * keys + 3 * countKeys(leaf, keys, low);
+    const unsigned char* numbers = leaf + 2 * keys;
+    __asm__("" : "+r"(numbers));  // or compilers would have this sum, too, wait for the count
     std::uint32_t number;
-    std::memcpy(&number, leaf + at - 1, sizeof number);
+    std::memcpy(&number, numbers + 3 * countKeys(leaf, keys, ip) - 1, sizeof number);
     return number;
   }
 };

@@ -140,7 +140,7 @@ TEST(RangeIndex, ADenseCornerOfABlockStaysSmall) {
     }
   }
   const RangeIndex index = RangeIndex::build(table);
-  EXPECT_LT(index.memoryBytes() - 2 * 4 * 65536, table.size() * 32);
+  EXPECT_LT(index.memoryBytes() - 4 * 65536, table.size() * 32);
   Expectations expectations;
   for (const IPProperty& entry : table) expectations.add(entry.startIP, &entry);
   for (std::uint32_t block = 0; block < 4096; ++block) {
