@@ -8,7 +8,7 @@
 #   test     GoogleTest, Google Benchmark                  (tests and benchmarks)
 #   service  JSON, command line, SQLite, country data      (the service and the tools)
 #   grpc     gRPC, protocol buffers, OpenSSL; Python       (the network transport and its tests)
-#   bench    libmaxminddb                                  (comparisons in the benchmarks)
+#   bench    libmaxminddb, liburcu                         (comparisons in the benchmarks)
 #   fuzz     clang 16 with its fuzzer                      (only when asked for)
 #
 # Without a group: all but fuzz.
@@ -21,7 +21,7 @@ packages_of() {
     service) echo nlohmann-json3-dev libcli11-dev libsqlite3-dev tor-geoipdb iso-codes ;;
     grpc) echo libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc libssl-dev openssl \
       python3 python3-grpcio python3-protobuf ;;
-    bench) echo libmaxminddb-dev ;;
+    bench) echo libmaxminddb-dev liburcu-dev ;;
     fuzz) echo clang-16 libclang-rt-16-dev ;;
     *) return 1 ;;
   esac
