@@ -7,10 +7,14 @@ namespace {
 
 thread_local std::size_t allocations = 0;
 
-void* allocate(std::size_t size, std::size_t alignment) {
+void* allocateOrNull(std::size_t size, std::size_t alignment) noexcept {
   ++allocations;
   const std::size_t rounded = (size + alignment - 1) / alignment * alignment;
-  void* const memory = std::aligned_alloc(alignment, rounded);
+  return std::aligned_alloc(alignment, rounded);
+}
+
+void* allocate(std::size_t size, std::size_t alignment) {
+  void* const memory = allocateOrNull(size, alignment);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
@@ -20,6 +24,10 @@ void* allocate(std::size_t size, std::size_t alignment) {
 void* operator new(std::size_t size) { return allocate(size, alignof(std::max_align_t)); }
 void* operator new(std::size_t size, std::align_val_t alignment) {
   return allocate(size, static_cast<std::size_t>(alignment));
+}
+// Without this one a sanitizer would hand its own memory out, which the deletes below do not know.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return allocateOrNull(size, alignof(std::max_align_t));
 }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
