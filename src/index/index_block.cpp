@@ -27,7 +27,7 @@ constexpr std::size_t linesOfWords(std::size_t words) {
 }  // namespace
 
 IndexBlock::IndexBlock(std::size_t wordRoom, std::size_t lineRoom) {
-  move(linesOfWords(wordRoom), lineRoom);
+  relocate(linesOfWords(wordRoom), lineRoom);
 }
 
 IndexBlock::~IndexBlock() {
@@ -38,7 +38,7 @@ IndexBlock::~IndexBlock() {
 
 std::ptrdiff_t IndexBlock::addWords(std::size_t count) {
   const std::size_t needed = linesOfWords(_words + count);
-  if (needed > _roomBelow) move(std::max(needed, 2 * _roomBelow), _roomAbove);
+  if (needed > _roomBelow) relocate(std::max(needed, 2 * _roomBelow), _roomAbove);
   _words += count;
   const auto lowest = -static_cast<std::ptrdiff_t>(_words);
   std::memset(&word(lowest), 0, count * sizeof(std::uint32_t));
@@ -46,14 +46,14 @@ std::ptrdiff_t IndexBlock::addWords(std::size_t count) {
 }
 
 std::size_t IndexBlock::addLine() {
-  if (_lines == _roomAbove) move(_roomBelow, std::max<std::size_t>(_lines + 1, 2 * _roomAbove));
+  if (_lines == _roomAbove) relocate(_roomBelow, std::max<std::size_t>(_lines + 1, 2 * _roomAbove));
   std::memset(line(_lines), 0, kLineBytes);
   return _lines++;
 }
 
 void IndexBlock::giveBackRoom() {
   const std::size_t used = linesOfWords(_words) + _lines;
-  if (_roomBelow + _roomAbove - used > used / kWorthACopy) move(linesOfWords(_words), _lines);
+  if (_roomBelow + _roomAbove - used > used / kWorthACopy) relocate(linesOfWords(_words), _lines);
 }
 
 void IndexBlock::swap(IndexBlock& other) noexcept {
@@ -65,7 +65,7 @@ void IndexBlock::swap(IndexBlock& other) noexcept {
 }
 
 /// Takes what is in use to memory with so much room.
-void IndexBlock::move(std::size_t roomBelow, std::size_t roomAbove) {
+void IndexBlock::relocate(std::size_t roomBelow, std::size_t roomAbove) {
   IndexBlock next;
   next._base = reinterpret_cast<unsigned char*>(Allocator().allocate(roomBelow + roomAbove)) +
                roomBelow * kLineBytes;

@@ -57,7 +57,7 @@ class IndexBlock {
 
  private:
   void swap(IndexBlock& other) noexcept;
-  void move(std::size_t roomBelow, std::size_t roomAbove);
+  void relocate(std::size_t roomBelow, std::size_t roomAbove);
 
   unsigned char* _base = nullptr;
   std::size_t _words = 0;

@@ -7,8 +7,9 @@
 #include <limits>
 #include <span>
 
-// TOLVAR_PORTABLE_INDEX keeps to the portable path where there is a faster one; for its tests.
-#if defined(__SSE2__) && !defined(TOLVAR_PORTABLE_INDEX)
+// TOLVAR_PORTABLE_INDEX keeps to the portable path where there is a faster one; for its tests. The
+// faster one has instructions of 64 bits in it, which processors with SSE2 may be without.
+#if defined(__SSE2__) && defined(__LP64__) && !defined(TOLVAR_PORTABLE_INDEX)
 #define TOLVAR_INDEX_SSE2 1
 #include <emmintrin.h>
 #endif
